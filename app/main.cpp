@@ -1,0 +1,67 @@
+#include "crash/crashhandler.h"
+
+#include <QCommandLineParser>
+#include <QCoreApplication>
+#include <QDebug>
+#include <QTextStream>
+
+#include <cstdlib>
+#include <unistd.h>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+[[noreturn]] void exitWithUsage()
+{
+    QTextStream standardError(stderr);
+    const QString usage =
+        u"This crash handler will be called by main program. Do not call this manually.\n"_s;
+    qCritical() << usage;
+    standardError << usage;
+    // exit() destroys no automatic object, the stream included.
+    standardError.flush();
+    std::exit(EXIT_FAILURE);
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    qInfo() << "Starting crash handler";
+    const QCoreApplication application(argc, argv);
+    qDebug() << "Setting application name";
+    QCoreApplication::setApplicationName(u"Crash Handler"_s);
+
+    QCommandLineParser parser;
+    parser.addPositionalArgument(u"signal-name"_s, QString());
+    parser.addPositionalArgument(u"app-name"_s, QString());
+    const QCommandLineOption restartOption(u"disable-restart"_s);
+    parser.addOption(restartOption);
+    qInfo() << "Processing command line arguments";
+    parser.process(application);
+
+    const QStringList positionalArguments = parser.positionalArguments();
+    qDebug() << "Positional arguments:" << positionalArguments;
+    if (positionalArguments.size() != 2) {
+        qCritical() << "Invalid number of arguments:" << positionalArguments.size();
+        exitWithUsage();
+    }
+
+    // The application starts this program as its child, so the crashed process is the parent.
+    const qint64 pid = ::getppid();
+    qInfo() << "Parent process ID:" << pid;
+    const QString signalName = positionalArguments.at(0);
+    const QString appName = positionalArguments.at(1);
+    qInfo() << "Processing crash for app:" << appName << "signal:" << signalName;
+
+    const bool restartDisabled = parser.isSet(restartOption);
+    if (restartDisabled)
+        qInfo() << "Application restart disabled";
+
+    qInfo() << "Creating crash handler instance";
+    CrashHandler handler(pid, appName, signalName, restartDisabled);
+    qInfo() << "Starting crash handling process";
+    handler.run();
+    return QCoreApplication::exec();
+}

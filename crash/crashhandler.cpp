@@ -1,0 +1,60 @@
+#include "crash/crashhandler.h"
+
+#include "crash/crashhandler_p.h"
+#include "util/logging.h"
+
+#include <QCoreApplication>
+#include <QTextStream>
+
+namespace {
+
+/// Ends the event loop, also when it has not been entered yet: a collection can fail while run() starts it,
+/// and QCoreApplication::quit() does nothing before the loop runs. A queued call waits for the loop.
+void quitEventLoop()
+{
+    QMetaObject::invokeMethod(QCoreApplication::instance(), &QCoreApplication::quit,
+                              Qt::QueuedConnection);
+}
+
+} // namespace
+
+CrashHandler::CrashHandler(qint64 pid, const QString &appName, const QString &signalName,
+                           bool restartDisabled, QObject *parent)
+    : QObject(parent)
+    , d(std::make_unique<CrashHandlerPrivate>(pid, appName, signalName))
+{
+    Q_UNUSED(restartDisabled)
+    qCDebug(logCrashHandler) << "CrashHandler initialized for PID:" << pid << "App:" << appName
+                             << "Signal:" << signalName;
+    connect(&d->collector, &BacktraceCollector::error, this, &CrashHandler::onError);
+    connect(&d->collector, &BacktraceCollector::backtraceChunk, this,
+            &CrashHandler::onBacktraceChunk);
+    connect(&d->collector, &BacktraceCollector::backtrace, this,
+            &CrashHandler::onBacktraceFinished);
+}
+
+CrashHandler::~CrashHandler()
+{
+    qCDebug(logCrashHandler) << "CrashHandler destroyed";
+}
+
+void CrashHandler::run()
+{
+    qCInfo(logCrashHandler) << "Starting backtrace collection for PID:" << d->pid;
+    d->collector.start(d->pid);
+}
+
+void CrashHandler::onError(const QString &errorMessage)
+{
+    qCritical() << "Backtrace collection error:" << errorMessage;
+    QTextStream(stderr) << errorMessage;
+    reportError(errorMessage);
+    quitEventLoop();
+}
+
+void CrashHandler::onBacktraceFinished(const QString &backtrace)
+{
+    qCInfo(logCrashHandler) << "Backtrace collection completed";
+    markCurrentThread(backtrace);
+    quitEventLoop();
+}

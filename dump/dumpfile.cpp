@@ -1,0 +1,70 @@
+#include "dump/dumpfile.h"
+
+#include "util/files.h"
+#include "util/logging.h"
+#include "util/systeminformation.h"
+
+#include <QDir>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+const QString defaultDumpDirectory = u"/tmp/vastel-mail"_s;
+const QString dumpFileSuffix = u".dump"_s;
+
+/// Returns the folder that the file goes to: \a dumpDirectory, created if need be, or the system's temporary
+/// folder when it cannot be created.
+QString ensuredDirectory(const QString &dumpDirectory)
+{
+    const QString directory = dumpDirectory.isEmpty() ? defaultDumpDirectory : dumpDirectory;
+    if (QDir().exists(directory) || QDir().mkpath(directory))
+        return directory;
+
+    qCCritical(logCrashHandler) << "Failed to create dump directory:" << directory;
+    qCWarning(logCrashHandler) << u"mkpath [%1] failed"_s.arg(directory);
+    return QDir::tempPath();
+}
+
+} // namespace
+
+class DumpFilePrivate
+{
+public:
+    explicit DumpFilePrivate(const QString &dumpDirectory);
+
+    QString dumpFilePath;
+};
+
+DumpFilePrivate::DumpFilePrivate(const QString &dumpDirectory)
+{
+    const QString directory = ensuredDirectory(dumpDirectory);
+    dumpFilePath = directory + u'/' + currentTimestamp() + dumpFileSuffix;
+    qCInfo(logCrashHandler) << "Dump file path set to:" << dumpFilePath;
+}
+
+DumpFile::DumpFile(const QString &appName, const QString &signalName, const QString &dumpDirectory,
+                   QObject *parent)
+    : QObject(parent)
+    , d(std::make_unique<DumpFilePrivate>(dumpDirectory))
+{
+    qCDebug(logCrashHandler) << "Creating dump file for app:" << appName << "signal:" << signalName;
+    qCInfo(logCrashHandler) << "Setting application info for dump file";
+    writeHeaders(appName, signalName);
+}
+
+DumpFile::~DumpFile()
+{
+    qCDebug(logCrashHandler) << "Destroying dump file handler";
+}
+
+bool DumpFile::writeMessage(const QString &message)
+{
+    qCDebug(logCrashHandler) << "Writing message to dump file:" << d->dumpFilePath;
+    return writeToFile(d->dumpFilePath, message.toUtf8());
+}
+
+QString DumpFile::dumpFilePath() const
+{
+    return d->dumpFilePath;
+}

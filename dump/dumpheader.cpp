@@ -1,0 +1,28 @@
+// What a report begins with: which application ended on which signal, what the reader is asked to do with
+// the report, and which build and machine it comes from.
+
+#include "dump/dumpfile.h"
+
+#include "util/logging.h"
+#include "util/systeminformation.h"
+
+#include <QSysInfo>
+
+using namespace Qt::StringLiterals;
+
+void DumpFile::writeHeaders(const QString &appName, const QString &signalName)
+{
+    // One call of arg() for each text: a "%2" inside a name must not become a placeholder itself.
+    QStringList headers{
+        tr("%1 has closed unexpectedly (Signal \"%2\")").arg(appName, signalName),
+        tr("please file a bug report with the debug information provided below."),
+        tr("%1, based on Qt %2 (%3 bit)\n")
+            .arg(appName, QStringLiteral(QT_VERSION_STR), QString::number(QSysInfo::WordSize)),
+    };
+    headers.append(linuxDistributionInfo());
+    headers.append(kernelVersionInfo());
+    qCInfo(logCrashHandler) << "Writing headers to dump file";
+
+    // A report without its header is still worth having, so a failed write, logged below, changes nothing.
+    writeMessage(headers.join(u'\n') + u'\n');
+}

@@ -1,0 +1,151 @@
+// A small application of several named threads that crashes in the way it is told to, is reported and
+// restarted by the crash handler, and ends normally when it has come back.
+//
+// Usage: sample-application HANDLER RECORD WAY [ARGUMENT...]
+//   HANDLER  path of the crash handler
+//   RECORD   path of a file that does not exist yet: the first run writes there what it was started with,
+//            the second run compares
+//   WAY      null-pointer, abort, stack-overflow, second-thread or two-threads; each crashes after the
+//            minimum uptime, unless "early-" stands before it: then there is no restart
+
+#include "examples/crashreporting.h"
+
+#include <array>
+#include <barrier>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <iostream>
+#include <iterator>
+#include <set>
+#include <sstream>
+#include <string>
+#include <string_view>
+#include <thread>
+
+#include <pthread.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr std::chrono::seconds minimumUptime{1};
+constexpr std::string_view earlyPrefix = "early-";
+
+struct Message
+{
+    int size;
+};
+
+int readMessageSize(const Message *message)
+{
+    return message->size;
+}
+
+int openMessage(const char *folder)
+{
+    // Volatile, so that the compiler neither sees nor warns of what it points to.
+    const Message *volatile message = nullptr;
+    std::printf("opening a message in %s\n", folder);
+    std::fflush(stdout);
+    return readMessageSize(message);
+}
+
+int countNestedReplies(int depth) // NOLINT(misc-no-recursion): overflowing the stack is its purpose
+{
+    volatile char quotedText[32 * 1024];
+    quotedText[0] = static_cast<char>(depth);
+    return depth < 0 ? 0 : countNestedReplies(depth + 1) + quotedText[0];
+}
+
+void runWorker(const char *name, const std::function<void()> &work)
+{
+    const crashreporting::AlternateSignalStack signalStack;
+    pthread_setname_np(pthread_self(), name);
+    work();
+    for (;;)
+        pause();
+}
+
+/// Crashes in the given way on the main thread or on a worker; the other workers wait. Does not return.
+[[noreturn]] void crash(std::string_view way)
+{
+    // All threads are there before anything crashes.
+    std::barrier threadsReady{4};
+    const auto idle = [&] { threadsReady.arrive_and_wait(); };
+    const auto crashing = [&] {
+        threadsReady.arrive_and_wait();
+        openMessage("inbox");
+    };
+    const bool secondThreadCrashes = way == "second-thread" || way == "two-threads";
+
+    std::thread indexer(runWorker, "mail-index", idle);
+    std::thread fetcher(runWorker, "mail-fetch",
+                        secondThreadCrashes ? std::function<void()>(crashing) : idle);
+    std::thread sender(runWorker, "mail-send",
+                       way == "two-threads" ? std::function<void()>(crashing) : idle);
+    threadsReady.arrive_and_wait();
+
+    if (way == "null-pointer")
+        openMessage("inbox");
+    else if (way == "abort")
+        std::abort();
+    else if (way == "stack-overflow")
+        countNestedReplies(0);
+    for (;;)
+        pause();
+}
+
+std::string contentOf(const char *path)
+{
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+/// What this process was started with: its arguments in their order and its environment, in which order has
+/// no meaning; each entry ended by NUL.
+std::string startState()
+{
+    std::istringstream environment(contentOf("/proc/self/environ"));
+    std::set<std::string> variables;
+    for (std::string variable; std::getline(environment, variable, '\0');)
+        variables.insert(variable + '\0');
+
+    std::string state = contentOf("/proc/self/cmdline");
+    for (const std::string &variable : variables)
+        state += variable;
+    return state;
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    if (argc < 4) {
+        std::cerr << "usage: sample-application HANDLER RECORD WAY [ARGUMENT...]\n";
+        return EXIT_FAILURE;
+    }
+    const char *recordPath = argv[2];
+    std::string_view way = argv[3];
+
+    if (!crashreporting::install({argv[1], "sample-application", minimumUptime})) {
+        std::perror("sample-application: cannot handle crashes");
+        return EXIT_FAILURE;
+    }
+
+    if (access(recordPath, F_OK) == 0) {
+        const bool same = contentOf(recordPath) == startState();
+        std::cout << (same ? "back again, with the same arguments and environment\n"
+                           : "back again, but with other arguments or another environment\n")
+                  << std::flush;
+        return same ? EXIT_SUCCESS : EXIT_FAILURE;
+    }
+    std::ofstream(recordPath, std::ios::binary) << startState();
+
+    if (way.starts_with(earlyPrefix))
+        way.remove_prefix(earlyPrefix.size());
+    else
+        std::this_thread::sleep_for(minimumUptime);
+    crash(way);
+}
