@@ -1,3 +1,4 @@
+#include "app/inheritedstate.h"
 #include "crash/crashhandler.h"
 
 #include <QCommandLineParser>
@@ -28,6 +29,7 @@ namespace {
 
 int main(int argc, char *argv[])
 {
+    resetInheritedState();
     qInfo() << "Starting crash handler";
     const QCoreApplication application(argc, argv);
     qDebug() << "Setting application name";

@@ -23,7 +23,6 @@ CrashHandler::CrashHandler(qint64 pid, const QString &appName, const QString &si
     : QObject(parent)
     , d(std::make_unique<CrashHandlerPrivate>(pid, appName, signalName))
 {
-    Q_UNUSED(restartDisabled)
     qCDebug(logCrashHandler) << "CrashHandler initialized for PID:" << pid << "App:" << appName
                              << "Signal:" << signalName;
     connect(&d->collector, &BacktraceCollector::error, this, &CrashHandler::onError);
@@ -31,6 +30,8 @@ CrashHandler::CrashHandler(qint64 pid, const QString &appName, const QString &si
             &CrashHandler::onBacktraceChunk);
     connect(&d->collector, &BacktraceCollector::backtrace, this,
             &CrashHandler::onBacktraceFinished);
+    if (restartDisabled || !collectRestartInfo())
+        qCWarning(logCrashHandler) << "Unable to restart";
 }
 
 CrashHandler::~CrashHandler()
@@ -56,5 +57,6 @@ void CrashHandler::onBacktraceFinished(const QString &backtrace)
 {
     qCInfo(logCrashHandler) << "Backtrace collection completed";
     markCurrentThread(backtrace);
+    restartApplication();
     quitEventLoop();
 }

@@ -9,7 +9,7 @@
 class CrashHandlerPrivate;
 
 /// Carries one crash from start to end: collects the backtrace of the crashed process into a dump file, then
-/// ends the event loop.
+/// starts the application again and ends the event loop.
 ///
 /// The entry function constructs one on the main thread, calls run() once and enters the event loop
 /// QCoreApplication::exec(), which the handler ends with status 0 when the backtrace is complete or its
@@ -22,8 +22,10 @@ class CrashHandler : public QObject
     Q_OBJECT
 
 public:
-    /// \a pid is the crashed process; \a appName and \a signalName go into the report as they are.
-    /// The dump file, header included, is written before this returns.
+    /// \a pid is the crashed process; \a appName and \a signalName go into the report as they are. Before
+    /// this returns, the dump file is there, header included, and, unless \a restartDisabled, the process's
+    /// command line and environment have been copied from /proc/PID/cmdline and /proc/PID/environ (proc(5)).
+    /// When there is no usable command line, that is logged as a warning and nothing will be started.
     CrashHandler(qint64 pid, const QString &appName, const QString &signalName,
                  bool restartDisabled, QObject *parent = nullptr);
     ~CrashHandler() override;
@@ -41,10 +43,23 @@ public Q_SLOTS:
     void onBacktraceChunk(const QString &chunk);
 
     /// The collection is complete and \a backtrace is its whole output, of which every chunk has been
-    /// appended before: appends the current-thread marker and ends the event loop.
+    /// appended before: appends the current-thread marker, starts the application again and ends the event
+    /// loop.
     void onBacktraceFinished(const QString &backtrace);
 
+    /// Starts the application, detached, with the program, arguments and environment of the crashed
+    /// process. Once for each call; nothing is started without a command line, and a program that cannot be
+    /// started is not reported. Changes nothing else.
+    void restartApplication();
+
+    /// Aborts a running collection, whose dump then ends in a note, and starts the application, detached,
+    /// as its program followed by "-debug" and the crashed process's ID in decimal. After an aborted
+    /// collection nothing of this handler ends the event loop: that is up to the caller.
+    void debugApplication();
+
 private:
+    static void startApplication(const QStringList &commandLine, const QStringList &environment);
+    bool collectRestartInfo();
     void reportError(const QString &errorMessage);
     void markCurrentThread(const QString &backtrace);
 

@@ -20,4 +20,8 @@ public:
     const qint64 pid;
     BacktraceCollector collector;
     DumpFile dumpFile;
+    /// The program and its arguments, one Latin-1 character for each byte; empty when there is nothing to start.
+    QStringList restartCommandLine;
+    /// Whole entries, normally NAME=VALUE, one Latin-1 character for each byte.
+    QStringList restartEnvironment;
 };

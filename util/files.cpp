@@ -11,19 +11,29 @@ void warnNotOpened(const QString &path)
     qCWarning(logCrashHandler) << "Warning: Could not open " << path;
 }
 
-} // namespace
-
-QByteArray readFile(const QString &path)
+QByteArray readWholeFile(const QString &path, QIODevice::OpenMode mode)
 {
     qCDebug(logCrashHandler) << "Reading file contents:" << path;
     QFile file(path);
-    if (!file.open(QIODevice::ReadOnly | QIODevice::Text)) {
+    if (!file.open(mode)) {
         qCCritical(logCrashHandler) << "Failed to open file for reading:" << path;
         warnNotOpened(path);
         return {};
     }
     qCDebug(logCrashHandler) << "Successfully read file:" << path;
     return file.readAll();
+}
+
+} // namespace
+
+QByteArray readFile(const QString &path)
+{
+    return readWholeFile(path, QIODevice::ReadOnly | QIODevice::Text);
+}
+
+QByteArray readBinaryFile(const QString &path)
+{
+    return readWholeFile(path, QIODevice::ReadOnly);
 }
 
 bool writeToFile(const QString &path, const QByteArray &data)

@@ -13,6 +13,9 @@
 /// Returns an empty byte array when the file cannot be opened; that is logged as critical and warning.
 [[nodiscard]] QByteArray readFile(const QString &path);
 
+/// As readFile(), but with every byte kept, carriage returns too: for content that is not text.
+[[nodiscard]] QByteArray readBinaryFile(const QString &path);
+
 /// Appends \a data to the file at \a path with one write, in text mode, which changes nothing on Linux.
 /// A missing file is created; the folder that is to hold it must exist. Nothing is ever truncated.
 ///
