@@ -17,7 +17,13 @@
 [[nodiscard]] QByteArray readBinaryFile(const QString &path);
 
 /// Appends \a data to the file at \a path with one write, in text mode, which changes nothing on Linux.
-/// A missing file is created; the folder that is to hold it must exist. Nothing is ever truncated.
+/// A missing file is created with mode 0600 whatever the umask, so that its owner alone can read and write it;
+/// the folder that is to hold it must exist. Nothing is ever truncated.
+///
+/// Only a file of one's own is written to. A symbolic link as the path's last component, a FIFO, a file with a
+/// second name (a hard link) and anything that belongs to another user than the process's effective one
+/// count as files that cannot be opened: what is behind them is neither created nor changed, and opening
+/// them does not wait.
 ///
 /// Returns true when the file was opened and the write did not report -1. A short write counts as
 /// success, and so does data that is lost only when the file is closed. Returns false when the file
