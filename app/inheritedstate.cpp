@@ -14,8 +14,9 @@ void openStandardDescriptors()
 {
     for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
         // open(2) returns the lowest free descriptor, which is this one: those below it are open.
-        if (::fcntl(descriptor, F_GETFD) == -1)
+        if (::fcntl(descriptor, F_GETFD) == -1) {
             [[maybe_unused]] const int opened = ::open("/dev/null", O_RDWR);
+        }
     }
 }
 
@@ -36,7 +37,7 @@ void resetSignalActions()
 void surviveFailedWrites()
 {
     struct sigaction action = {};
-    action.sa_handler = [](int) { };
+    action.sa_handler = [](int) {};
     action.sa_flags = SA_RESTART;
     ::sigaction(SIGPIPE, &action, nullptr);
     ::sigaction(SIGXFSZ, &action, nullptr);

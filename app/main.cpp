@@ -16,8 +16,8 @@ namespace {
 [[noreturn]] void exitWithUsage()
 {
     QTextStream standardError(stderr);
-    const QString usage =
-        u"This crash handler will be called by main program. Do not call this manually.\n"_s;
+    const QString usage
+        = u"This crash handler will be called by main program. Do not call this manually.\n"_s;
     qCritical() << usage;
     standardError << usage;
     // exit() destroys no automatic object, the stream included.
@@ -53,8 +53,8 @@ int main(int argc, char *argv[])
     // The application starts this program as its child, so the crashed process is the parent.
     const qint64 pid = ::getppid();
     qInfo() << "Parent process ID:" << pid;
-    const QString signalName = positionalArguments.at(0);
-    const QString appName = positionalArguments.at(1);
+    const QString &signalName = positionalArguments.at(0);
+    const QString &appName = positionalArguments.at(1);
     qInfo() << "Processing crash for app:" << appName << "signal:" << signalName;
 
     const bool restartDisabled = parser.isSet(restartOption);

@@ -57,13 +57,9 @@ void BacktraceCollector::start(qint64 pid)
     // An earlier start() without a command file has silenced the process.
     d->process.blockSignals(false);
     const QStringList arguments{
-        u"--nw"_s,
-        u"--nx"_s,
-        u"--batch"_s,
-        u"--command"_s,
-        createCommandFile(),
-        u"--pid"_s,
-        QString::number(pid),
+        u"--nw"_s, // in the terminal
+        u"--nx"_s, // without anybody's start-up files
+        u"--batch"_s, u"--command"_s, createCommandFile(), u"--pid"_s, QString::number(pid),
     };
     d->process.start(u"gdb"_s, arguments, QIODevice::ReadWrite);
 }

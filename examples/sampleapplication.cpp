@@ -4,7 +4,7 @@
 // Usage: sample-application HANDLER RECORD WAY [ARGUMENT...]
 //   HANDLER  path of the crash handler
 //   RECORD   path of a file that does not exist yet: the first run writes there what it was started with,
-//            the second run compares
+//            the second run compares, and leaves its own in RECORD.back
 //   WAY      null-pointer, abort, stack-overflow, second-thread or two-threads; each crashes after the
 //            minimum uptime, unless "early-" stands before it: then there is no restart
 
@@ -54,9 +54,10 @@ int openMessage(const char *folder)
 
 int countNestedReplies(int depth) // NOLINT(misc-no-recursion): overflowing the stack is its purpose
 {
-    volatile char quotedText[32 * 1024];
-    quotedText[0] = static_cast<char>(depth);
-    return depth < 0 ? 0 : countNestedReplies(depth + 1) + quotedText[0];
+    // Large, so that the backtrace has hundreds of frames and not hundreds of thousands.
+    volatile int repliesAt[8 * 1024];
+    repliesAt[0] = depth;
+    return depth < 0 ? 0 : countNestedReplies(depth + 1) + repliesAt[0];
 }
 
 void runWorker(const char *name, const std::function<void()> &work)
@@ -135,6 +136,7 @@ int main(int argc, char *argv[])
     }
 
     if (access(recordPath, F_OK) == 0) {
+        std::ofstream(std::string(recordPath) + ".back", std::ios::binary) << startState();
         const bool same = contentOf(recordPath) == startState();
         std::cout << (same ? "back again, with the same arguments and environment\n"
                            : "back again, but with other arguments or another environment\n")

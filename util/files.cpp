@@ -46,8 +46,8 @@ int openPrivately(const QString &path)
 bool isOwnFile(int descriptor)
 {
     struct stat status;
-    return ::fstat(descriptor, &status) == 0 && status.st_uid == ::geteuid()
-        && status.st_nlink <= 1 && !S_ISFIFO(status.st_mode);
+    return ::fstat(descriptor, &status) == 0 && status.st_uid == ::geteuid() && status.st_nlink <= 1
+        && !S_ISFIFO(status.st_mode);
 }
 
 /// The reports lie in a folder that everybody knows, under names that everybody can foresee. So it is decided

@@ -1,0 +1,66 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+#include <QStringList>
+#include <QTemporaryDir>
+
+/// Runs the test class as QTEST_GUILESS_MAIN does, but in a /tmp of its own where the system allows that.
+#define CRASH_HANDLER_TEST_MAIN(TestClass)                                                         \
+    int main(int argc, char *argv[])                                                               \
+    {                                                                                              \
+        enterPrivateTmp();                                                                         \
+        const QCoreApplication application(argc, argv);                                            \
+        TestClass test;                                                                            \
+        return QTest::qExec(&test, argc, argv);                                                    \
+    }
+
+inline constexpr int patience = 60'000; // ms; reached only when something is broken
+
+/// Gives this process and its children an empty /tmp that vanishes with them, and no descriptors but the
+/// standard ones. Call it before any thread and any file exists. As an ordinary user it needs unprivileged
+/// user namespaces.
+void enterPrivateTmp();
+/// False when that was refused: then tests must not touch what others have in /tmp.
+bool hasPrivateTmp();
+
+/// Collects the log of this process while it lives: "category level text" a line.
+class LogCapture
+{
+public:
+    LogCapture();
+    ~LogCapture();
+    static QStringList lines();
+};
+
+/// A folder for one test, in front on the search path. At its end it is removed with what has come into the
+/// folder of the dumps, and the environment is as before.
+class TestFolder
+{
+public:
+    TestFolder();
+    ~TestFolder();
+
+    [[nodiscard]] QString path(const QString &name = {}) const;
+    /// Writes an executable stand-in for the debugger: a shell script, unless \a body begins with "#!".
+    void writeDebugger(const QByteArray &body) const;
+
+private:
+    QTemporaryDir folder;
+    QByteArray searchPath = qgetenv("PATH");
+    QStringList earlierDumps;
+};
+
+/// The path of a program of this build, such as "crash-handler".
+QString program(const QString &name);
+
+QByteArray contentOf(const QString &path);
+void writeFile(const QString &path, const QByteArray &content);
+
+/// The paths of all dumps, the oldest first.
+QStringList dumps();
+/// What every dump of this build and machine begins with.
+QByteArray dumpHeader(const QByteArray &appName, const QByteArray &signalName);
+
+/// Lines as LogCapture has them, all of the program's own category.
+QStringList logLines(const QStringList &levelsAndTexts);

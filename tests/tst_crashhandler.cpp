@@ -1,0 +1,87 @@
+#include "crash/crashhandler.h"
+#include "tests/support.h"
+
+#include <QProcess>
+#include <QtTest>
+
+#include <csignal>
+
+using namespace Qt::StringLiterals;
+
+class CrashHandlerTest : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void theMarkerNamesTheFirstCurrentThread_data()
+    {
+        QTest::addColumn<QString>("backtrace");
+        QTest::addColumn<QByteArray>("marker");
+        QTest::newRow("several") << u"a\n[Current thread is 12 (x)]\n[Current thread is 3 (x)]"_s
+                                 << QByteArray("text to select is [Thread 12]");
+        QTest::newRow("none") << u"[Current thread is unknown]"_s << QByteArray();
+    }
+    void theMarkerNamesTheFirstCurrentThread()
+    {
+        QFETCH(const QString, backtrace);
+        QFETCH(const QByteArray, marker);
+        const TestFolder folder;
+        CrashHandler handler(QCoreApplication::applicationPid(), u"mail"_s, u"11"_s, true);
+        handler.onBacktraceChunk(u"no line end"_s);
+        handler.onBacktraceFinished(backtrace);
+        QCOMPARE(contentOf(dumps().constLast()), dumpHeader("mail", "11") + "no line end" + marker);
+    }
+
+    void withoutACommandLineNothingIsStarted()
+    {
+        const TestFolder folder;
+        const LogCapture log;
+        CrashHandler handler(5'000'000, u"mail"_s, u"11"_s, false); // above any pid_max, proc(5)
+        QVERIFY(QMetaObject::invokeMethod(&handler, "restartApplication"));
+        QCOMPARE(
+            LogCapture::lines().last(5),
+            logLines({u"warning Unexpected format in file:  \"/proc/5000000/cmdline\""_s,
+                      u"warning Unable to restart"_s, u"info command line: QList()"_s,
+                      u"info environment: QList()"_s, u"info Preparing to restart application"_s}));
+    }
+
+    void debuggingStartsTheProgramWithThePid_data()
+    {
+        QTest::addColumn<bool>("collects");
+        QTest::newRow("during a collection, which is aborted") << true;
+        QTest::newRow("without one, which leaves the dump alone") << false;
+    }
+    void debuggingStartsTheProgramWithThePid()
+    {
+        QFETCH(const bool, collects);
+        const TestFolder folder;
+        folder.writeDebugger("echo $$; exec sleep 1000");
+        QProcess crashed;
+        crashed.start(u"/bin/cat"_s, QStringList(u"-"_s));
+        QVERIFY(crashed.waitForStarted());
+        const LogCapture log;
+        CrashHandler handler(crashed.processId(), u"mail"_s, u"11"_s, false);
+        const QString dump = dumps().constLast();
+        const QByteArray header = contentOf(dump);
+        if (collects) {
+            handler.run();
+            QTRY_VERIFY(contentOf(dump).size() > header.size());
+        }
+        const QByteArray before = contentOf(dump);
+
+        QVERIFY(QMetaObject::invokeMethod(&handler, "debugApplication"));
+        QCOMPARE(contentOf(dump),
+                 before + (collects ? "\n\nCollecting backtrace aborted by user." : ""));
+        const QString arguments = u"QList(\"-debug\", \"%1\")"_s.arg(crashed.processId());
+        QCOMPARE(LogCapture::lines().last(1),
+                 logLines({u"info Starting detached process: \"/bin/cat\" with arguments: "_s
+                           + arguments}));
+        if (collects)
+            QTRY_COMPARE(::kill(before.sliced(header.size()).trimmed().toInt(), 0), -1);
+        crashed.closeWriteChannel();
+        QVERIFY(crashed.waitForFinished());
+    }
+};
+
+CRASH_HANDLER_TEST_MAIN(CrashHandlerTest)
+#include "tst_crashhandler.moc"

@@ -1,0 +1,413 @@
+// The whole program, started by a process that crashes: what it logs, what it leaves on disk, and what comes
+// back, in every world that it may meet.
+
+#include "tests/support.h"
+
+#include <QDir>
+#include <QFileInfo>
+#include <QProcess>
+#include <QRegularExpression>
+#include <QtTest>
+
+#include <csignal>
+#include <memory>
+#include <vector>
+
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+const QByteArray current = "[Current thread is 1 (x)]\n";
+const QByteArray marker = "text to select is [Thread 1]";
+const QByteArray good = "echo '[Current thread is 1 (x)]'; "; // what a debugger does
+const QByteArray hint = "A problem occurred providing the backtrace. "
+                        "Please make sure to have the debugger \"gdb\" installed.\n";
+
+/// A crash of the probe that tests/probe.sh is, or a chain of them.
+class Crash
+{
+public:
+    explicit Crash(const QString &folder)
+        : folder(folder)
+    {
+        for (const auto &[name, value] :
+             {std::pair{u"PATH"_s, qEnvironmentVariable("PATH")},
+              {u"LC_ALL"_s, u"C.UTF-8"_s},
+              {u"PWD"_s, QDir::currentPath()},
+              {u"PROBE_FOLDER"_s, folder},
+              {u"PROBE_RUNS"_s, u"2"_s},
+              {u"PROBE_HANDLER"_s, program(u"crash-handler"_s)},
+              {u"QT_MESSAGE_PATTERN"_s, u"%{category} %{type} %{message}"_s}})
+            environment.insert(name, value);
+        process.setProgram(QFINDTESTDATA("probe.sh"));
+    }
+
+    void start()
+    {
+        process.setProcessEnvironment(environment);
+        process.start();
+    }
+    /// Waits for the end of the first run and its handler; returns that one's exit status.
+    int wait()
+    {
+        if (process.state() != QProcess::NotRunning && !process.waitForFinished(patience))
+            return -1;
+        log = process.readAllStandardError();
+        return process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+    }
+    int run()
+    {
+        start();
+        return wait();
+    }
+    [[nodiscard]] QString record(int run) const { return folder + u"/run-%1"_s.arg(run); }
+    [[nodiscard]] QByteArrayList recorded(int run) const
+    {
+        return contentOf(record(run)).split('\n');
+    }
+
+    QProcessEnvironment environment;
+    QProcess process;
+    QByteArray log;
+
+private:
+    const QString folder;
+};
+
+/// One world that the program may meet, and what must hold in it.
+struct World
+{
+    QByteArray debugger = good;
+    QByteArray report = current + marker; // behind the header; null when all is lost
+    QString inherited = {}; // what the handler inherits
+    QString locale = u"C.UTF-8"_s;
+    QString temporaryFolder = u"/tmp"_s;
+    QString dumpFolder = {}; // what is there when the handler starts
+    QByteArray logged = {}; // a part of the log
+    int exitStatus = 0;
+    bool restarts = true;
+};
+
+/// Returns why this system can't have such a folder of the dumps, or nothing.
+const char *prepareDumpFolder(const QString &kind)
+{
+    constexpr char path[] = "/tmp/vastel-mail";
+    if (kind.isEmpty())
+        return nullptr;
+    if (!hasPrivateTmp())
+        return "needs a /tmp of its own";
+    if (kind == u"file"_s)
+        writeFile(QString::fromLatin1(path), {});
+    if (kind != u"full"_s && kind != u"read-only"_s)
+        return nullptr;
+    ::mkdir(path, S_IRWXU);
+    const bool full = kind == u"full"_s;
+    if (::mount("tmpfs", path, "tmpfs", full ? 0 : MS_RDONLY, "size=4k,mode=1777") != 0)
+        return "cannot mount";
+    if (full) // its one page is taken by another file
+        writeFile(u"/tmp/vastel-mail/fill"_s, "x");
+    return nullptr;
+}
+
+} // namespace
+
+class ProgramTest : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void aWrongCommandLineIsRefused_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<QByteArray>("message");
+        const QByteArray usage
+            = "This crash handler will be called by main program. Do not call this manually.";
+        const QByteArray usageTwice = '"' + usage + "\\n\"\n" + usage + '\n';
+        QTest::newRow("none") << QStringList() << "Invalid number of arguments: 0\n" + usageTwice;
+        QTest::newRow("three") << QStringList{u"11"_s, u"mail"_s, u"x"_s}
+                               << "Invalid number of arguments: 3\n" + usageTwice;
+        QTest::newRow("help") << QStringList(u"--help"_s) << QByteArray("Unknown option 'help'.\n");
+        QTest::newRow("a flag with a value")
+            << QStringList{u"--disable-restart=1"_s, u"11"_s, u"mail"_s}
+            << QByteArray("Unexpected value after '--disable-restart'.\n");
+    }
+    void aWrongCommandLineIsRefused()
+    {
+        QFETCH(const QStringList, arguments);
+        QFETCH(const QByteArray, message);
+        const TestFolder folder;
+        QProcess process;
+        process.start(program(u"crash-handler"_s), arguments);
+        QVERIFY(process.waitForFinished(patience));
+        QCOMPARE(process.exitCode(), 1);
+        const QByteArray log = process.readAllStandardError();
+        QVERIFY2(log.endsWith(message), log);
+        QCOMPARE(dumps(), QStringList());
+    }
+
+    void theWholeLogAndDumpOfARun()
+    {
+        const TestFolder folder;
+        folder.writeDebugger(good);
+        Crash crash(folder.path());
+        crash.process.setArguments({u"ü"_s});
+        QCOMPARE(crash.run(), 0);
+        QCOMPARE(dumps().size(), 1);
+        const QByteArray header = dumpHeader("mail", "SIGSEGV");
+        QCOMPARE(contentOf(dumps().constFirst()), header + current + marker);
+
+        // What differs from run to run and from machine to machine.
+        const QString log = QString::fromUtf8(crash.log);
+        const QString pid = QRegularExpression(u"ID: (\\d+)"_s).match(log).captured(1);
+        const bool hasRelease = QFileInfo::exists(u"/etc/lsb-release"_s);
+        const QString variables = crash.environment.toStringList().join(u"\", \""_s);
+        const QString expected
+            = QString::fromUtf8(contentOf(QFINDTESTDATA("ordinary-run.log")))
+                  .remove(
+                      QRegularExpression(hasRelease ? u"@NO_RELEASE@ .*\n"_s : u"@RELEASE@ .*\n"_s))
+                  .remove(QRegularExpression(u"@(NO_)?RELEASE@ "_s))
+                  .replace(u"@PID@"_s, pid)
+                  .replace(u"@STAMP@"_s, QFileInfo(dumps().constFirst()).completeBaseName())
+                  .replace(u"@PROBE@"_s, crash.process.program())
+                  .replace(u"@HEADER_SIZE@"_s, QString::number(header.size()))
+                  .replace(u"@ENVIRONMENT@"_s, variables);
+        QCOMPARE(log.split(u'\n'), expected.split(u'\n'));
+    }
+
+    void whatCanBeKeptIsKept_data()
+    {
+        QTest::addColumn<World>("world");
+        for (const char *state : {"nothing", "signals blocked", "signals ignored",
+                                  "descriptors open", "no standard streams", "no standard error",
+                                  "log without reader", "log on a full device"})
+            QTest::newRow(state) << World{.debugger = "grep -E 'Sig(Blk|Ign)' /proc/self/status; "
+                                                      "ls /proc/self/fd; "
+                                              + good,
+                                          .report = "SigBlk:\t0000000000000000\n"
+                                                    "SigIgn:\t0000000000000000\n"
+                                                    "0\n1\n2\n3\n"
+                                              + current + marker,
+                                          .inherited = QString::fromLatin1(state)};
+        for (const char *locale : {"C", "de_DE.ISO-8859-1", "not_INSTALLED"})
+            QTest::newRow(locale) << World{.locale = QString::fromLatin1(locale)};
+
+        QTest::newRow("gdb fails")
+            << World{.debugger = "echo kept; exit 3",
+                     .report = "kept\n" + hint + "Debugger exited with code 3.",
+                     .logged = "Debugger exited with error code: 3\n",
+                     .restarts = false};
+        QTest::newRow("gdb is killed")
+            << World{.debugger = "echo kept; kill -KILL $$",
+                     .report = "kept\n" + hint + "QProcess: Process crashed",
+                     .logged = "error occurred: \"Process crashed\"\n",
+                     .restarts = false};
+        for (const char *debugger : {"", "#!/nowhere"}) // gdb is missing, or its interpreter is
+            QTest::addRow("gdb cannot be started: '%s'", debugger)
+                << World{.debugger = debugger,
+                         .report = hint + "QProcess: execvp: No such file or directory",
+                         .inherited = u"no other debugger"_s,
+                         .logged = "Debugger process error: QProcess::FailedToStart\n",
+                         .restarts = false};
+        for (const char *debugger :
+             {"#!/nowhere", "echo unheard; exit 3", "echo unheard; sleep 1000"})
+            QTest::addRow("no temporary files, and gdb does this: %s", debugger)
+                << World{.debugger = debugger,
+                         .report = hint + "Error: Could not create temporary command file.",
+                         .temporaryFolder = u"/proc"_s,
+                         .logged = "critical Failed to create temporary command file\n",
+                         .restarts = false};
+        QTest::newRow("the restart is disabled")
+            << World{.inherited = u"restart disabled"_s,
+                     .logged = "default info Application restart disabled\n",
+                     .restarts = false};
+        QTest::newRow("the crashed process is killed")
+            << World{.debugger = "kill -KILL $7; " + good, .exitStatus = -1};
+        const QByteArray waitForDump
+            = "; until grep -q kept /tmp/vastel-mail/*.dump; do sleep 0.01; done; ";
+        QTest::newRow("the handler is killed")
+            << World{.debugger = "echo kept" + waitForDump + "kill -KILL $PPID",
+                     .report = "kept\n",
+                     .exitStatus = 128 + SIGKILL,
+                     .restarts = false};
+        QTest::newRow("bytes that are no text")
+            << World{.debugger = good + R"(printf 'a\000b\377')",
+                     .report = current + QByteArray("a\0b\xef\xbf\xbd", 6) + marker};
+        QTest::newRow("a character cut in two")
+            << World{.debugger = good + R"(printf 'kept\303')" + waitForDump + R"(printf '\251')",
+                     .report = current + "kept\xef\xbf\xbd\xef\xbf\xbd" + marker};
+        QTest::newRow("one line of 50 MB")
+            << World{.debugger = good + "head -c 50000000 /dev/zero | tr '\\0' x",
+                     .report = current + QByteArray(50'000'000, 'x') + marker};
+
+        QTest::newRow("the folder is a file") << World{.report = {}, .dumpFolder = u"file"_s};
+        QTest::newRow("the folder is read-only")
+            << World{.report = {}, .dumpFolder = u"read-only"_s};
+        QTest::newRow("the folder is removed meanwhile")
+            << World{.debugger = "rm -r /tmp/vastel-mail; " + good,
+                     .report = {},
+                     .dumpFolder = u"removed"_s};
+        QTest::newRow("the disk is full at first")
+            << World{.debugger = "rm /tmp/vastel-mail/fill; " + good, .dumpFolder = u"full"_s};
+    }
+    void whatCanBeKeptIsKept()
+    {
+        QFETCH(const World, world);
+        const TestFolder folder;
+        if (const char *reason = prepareDumpFolder(world.dumpFolder))
+            QSKIP(reason);
+        if (!world.debugger.isEmpty())
+            folder.writeDebugger(world.debugger);
+        Crash crash(folder.path());
+        crash.environment.insert(u"PROBE_STATE"_s, world.inherited);
+        crash.environment.insert(u"LC_ALL"_s, world.locale);
+        crash.environment.insert(u"TMPDIR"_s, world.temporaryFolder);
+        QCOMPARE(crash.run(), world.exitStatus);
+        QVERIFY2(crash.log.contains(world.logged), crash.log);
+
+        if (world.restarts) {
+            QTRY_VERIFY_WITH_TIMEOUT(QFileInfo::exists(crash.record(1)), patience);
+            QCOMPARE(crash.recorded(1), crash.recorded(0));
+        } else {
+            QVERIFY2(!crash.log.contains("Starting detached process"), crash.log);
+        }
+        QCOMPARE(dumps().size(), world.report.isNull() ? 0 : 1);
+        if (world.report.isNull())
+            return;
+        const QByteArray header
+            = world.dumpFolder == u"full"_s ? QByteArray() : dumpHeader("mail", "SIGSEGV");
+        QVERIFY(contentOf(dumps().constFirst()) == header + world.report);
+        QCOMPARE(QFile::permissions(dumps().constFirst()) & ~(QFile::ReadUser | QFile::WriteUser),
+                 QFile::ReadOwner | QFile::WriteOwner);
+    }
+
+    void aChainOfCrashesNeverDrifts_data()
+    {
+        QTest::addColumn<QString>("command");
+        QTest::newRow("by its path") << QFINDTESTDATA("probe.sh");
+        QTest::newRow("by its name, which is looked for on the search path") << u"sh"_s;
+    }
+    void aChainOfCrashesNeverDrifts()
+    {
+        QFETCH(const QString, command);
+        const TestFolder folder;
+        folder.writeDebugger("exit 0");
+        Crash crash(folder.path());
+        for (const auto &[name, value] : {std::pair{u"PROBE_RUNS"_s, u"8"_s},
+                                          {u"HOME"_s, u"/home/jürgen"_s},
+                                          {u"EMPTY"_s, u""_s},
+                                          {u"NÄME"_s, u"a\r\nb=c\n"_s},
+                                          {u"LARGE"_s, QString(45'000, u'ß')}})
+            crash.environment.insert(name, value);
+        for (int number = 0; number < 5'000; ++number)
+            crash.environment.insert(u"V%1"_s.arg(number), u"x"_s);
+        const QString script = u"umask 027; ulimit -n 512; cd /; exec \"$0\" \"$@\""_s;
+        QStringList arguments{u"-c"_s, script, command};
+        if (command == u"sh"_s)
+            arguments.append(QFINDTESTDATA("probe.sh"));
+        arguments += {u""_s, u"a\r\nb"_s, u"\"quoted\" 'text'"_s, u"\ufeffü😀"_s};
+        for (int number = 0; number < 2'000; ++number)
+            arguments.append(QString::number(number));
+        crash.process.setProgram(u"/bin/sh"_s);
+        crash.process.setArguments(arguments);
+        QCOMPARE(crash.run(), 0);
+        QTRY_VERIFY_WITH_TIMEOUT(QFileInfo::exists(crash.record(7)), patience);
+        QVERIFY(crash.recorded(7) == crash.recorded(0));
+        QVERIFY(contentOf(crash.record(0)).contains(QByteArray("\0\0a\r\nb\0\"quoted\"", 15)));
+    }
+
+    void bytesThatAreNoTextBecomeLatin1()
+    {
+        const TestFolder folder;
+        folder.writeDebugger("exit 0");
+        Crash crash(folder.path());
+        crash.process.setProgram(u"/bin/sh"_s);
+        crash.process.setArguments(
+            {u"-c"_s, u"exec \"$0\" \"$(printf 'j\\374rgen')\""_s, QFINDTESTDATA("probe.sh")});
+        QCOMPARE(crash.run(), 0);
+        QTRY_VERIFY_WITH_TIMEOUT(QFileInfo::exists(crash.record(1)), patience);
+        QVERIFY(contentOf(crash.record(0)).contains(QByteArray("\0j\374rgen\0", 8)));
+        QVERIFY(contentOf(crash.record(1)).contains(QByteArray("\0j\303\274rgen\0", 9)));
+    }
+
+    void tenCrashesInOneInstantKeepTenReports()
+    {
+        const TestFolder folder;
+        folder.writeDebugger(good);
+        std::vector<std::unique_ptr<Crash>> crashes;
+        for (int number = 0; number < 10; ++number) {
+            const QString own = folder.path(QString::number(number));
+            QDir().mkdir(own);
+            crashes.push_back(std::make_unique<Crash>(own));
+            crashes.back()->start();
+        }
+        QByteArray reports;
+        for (const auto &crash : crashes) {
+            QCOMPARE(crash->wait(), 0);
+            QTRY_VERIFY_WITH_TIMEOUT(QFileInfo::exists(crash->record(1)), patience);
+        }
+        for (const QString &dump : dumps())
+            reports += contentOf(dump);
+        QCOMPARE(reports.count(dumpHeader("mail", "SIGSEGV")), 10);
+        QCOMPARE(reports.count(current), 10);
+        QCOMPARE(reports.count(marker), 10);
+    }
+
+    void theRealDebuggerShowsTheCrash_data()
+    {
+        QTest::addColumn<int>("signal");
+        QTest::addColumn<QByteArrayList>("frames"); // in their order
+        QTest::newRow("early-null-pointer")
+            << SIGSEGV << QByteArrayList{"readMessageSize", "openMessage"};
+        QTest::newRow("early-abort") << SIGABRT << QByteArrayList{"abort", "crash", "in main"};
+        QTest::newRow("early-stack-overflow")
+            << SIGSEGV << QByteArrayList(200, "countNestedReplies");
+        QTest::newRow("early-second-thread")
+            << SIGSEGV << QByteArrayList{"\"mail-fetch\"", "readMessageSize", "openMessage"};
+        QTest::newRow("early-two-threads")
+            << SIGSEGV << QByteArrayList{"readMessageSize", "openMessage", "readMessageSize"};
+        QTest::newRow("null-pointer")
+            << SIGSEGV << QByteArrayList{"readMessageSize", "openMessage"};
+    }
+    void theRealDebuggerShowsTheCrash()
+    {
+        QFETCH(const int, signal);
+        QFETCH(const QByteArrayList, frames);
+        const TestFolder folder;
+        const QString way = QString::fromLatin1(QTest::currentDataTag());
+        const QString output = folder.path(u"output"_s);
+        QProcess sample;
+        sample.setStandardOutputFile(output);
+        sample.setChildProcessModifier([] { // no core dump is to stay behind
+            const struct rlimit none = {};
+            ::setrlimit(RLIMIT_CORE, &none);
+        });
+        sample.start(program(u"examples/sample-application"_s),
+                     {program(u"crash-handler"_s), folder.path(u"record"_s), way, u"ü"_s});
+        QVERIFY(sample.waitForFinished(patience));
+        QCOMPARE(sample.exitStatus(), QProcess::CrashExit);
+        QCOMPARE(sample.exitCode(), signal);
+
+        QCOMPARE(dumps().size(), 1);
+        const QByteArray dump = contentOf(dumps().constFirst());
+        if (dump.contains("ptrace: Operation not permitted"))
+            QSKIP("the system does not let gdb trace");
+        for (const char *thread : {"sample-applicat", "mail-index", "mail-fetch", "mail-send"})
+            QVERIFY2(dump.contains('"' + QByteArray(thread) + '"'), dump);
+        qsizetype position = 0;
+        for (const QByteArray &frame : frames) {
+            position = dump.indexOf(frame, position);
+            QVERIFY2(position++ != -1, dump);
+        }
+        QVERIFY(dump.endsWith(marker));
+        if (!way.startsWith(u"early-"_s))
+            QTRY_VERIFY_WITH_TIMEOUT(contentOf(output).contains("back again, with the same"),
+                                     patience);
+    }
+};
+
+CRASH_HANDLER_TEST_MAIN(ProgramTest)
+#include "tst_program.moc"

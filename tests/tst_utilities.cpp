@@ -1,0 +1,129 @@
+#include "tests/support.h"
+#include "util/files.h"
+#include "util/systeminformation.h"
+
+#include <QDateTime>
+#include <QFileInfo>
+#include <QtTest>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+constexpr uid_t nobody = 65534;
+}
+
+class UtilitiesTest : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void wholeFilesAreRead_data()
+    {
+        QTest::addColumn<QByteArray>("content");
+        QTest::addColumn<QByteArray>("asText");
+        QTest::newRow("an empty file") << QByteArray() << QByteArray();
+        QTest::newRow("text loses its carriage returns")
+            << QByteArray("a\r\nb\r\n") << QByteArray("a\nb\n");
+        QTest::newRow("NUL and bytes above 127 are kept")
+            << QByteArray("a\0\xfc\0", 4) << QByteArray("a\0\xfc\0", 4);
+        QTest::newRow("a large file") << QByteArray(300'000, 'x') << QByteArray(300'000, 'x');
+    }
+    void wholeFilesAreRead()
+    {
+        QFETCH(const QByteArray, content);
+        const TestFolder folder;
+        const QString path = folder.path(u"file"_s);
+        writeFile(path, content);
+        const LogCapture log;
+        QTEST(readFile(path), "asText");
+        QCOMPARE(LogCapture::lines(),
+                 logLines({u"debug Reading file contents: \"%1\""_s.arg(path),
+                           u"debug Successfully read file: \"%1\""_s.arg(path)}));
+        QCOMPARE(readBinaryFile(path), content);
+    }
+
+    void dataIsAppendedForItsOwnerAlone_data()
+    {
+        QTest::addColumn<mode_t>("mask");
+        QTest::newRow("no umask") << mode_t(0);
+        QTest::newRow("a umask that takes every right") << mode_t(0777);
+    }
+    void dataIsAppendedForItsOwnerAlone()
+    {
+        QFETCH(const mode_t, mask);
+        const TestFolder folder;
+        const QString path = folder.path(u"file"_s);
+        const mode_t earlierMask = ::umask(mask);
+        const LogCapture log;
+        const bool written = writeToFile(path, "a\r\n") && writeToFile(path, {})
+            && writeToFile(path, QByteArray("b\0c", 3));
+        QCOMPARE(::umask(earlierMask), mask);
+        QVERIFY(written);
+        QCOMPARE(contentOf(path), QByteArray("a\r\nb\0c", 6));
+        QCOMPARE(LogCapture::lines().sliced(2, 2),
+                 logLines({u"debug Writing to file: \"%1\""_s.arg(path),
+                           u"debug Wrote 0 bytes to file: \"%1\""_s.arg(path)}));
+        struct stat status;
+        QCOMPARE(::stat(QFile::encodeName(path).constData(), &status), 0);
+        QCOMPARE(status.st_mode, mode_t(S_IFREG | S_IRUSR | S_IWUSR));
+    }
+
+    void whatMayNotBeWrittenToCannotBeOpened_data()
+    {
+        QTest::addColumn<QString>("preparation"); // by the shell
+        QTest::addColumn<QString>("path"); // below the test's folder
+        QTest::newRow("no folder") << u":"_s << u"x/file"_s;
+        QTest::newRow("a folder") << u"mkdir file"_s << u"file"_s;
+        QTest::newRow("a symbolic link") << u"ln -s target file"_s << u"file"_s;
+        QTest::newRow("a symbolic link to nothing") << u"ln -s nothing file"_s << u"file"_s;
+        QTest::newRow("a second name") << u"ln target file"_s << u"file"_s;
+        QTest::newRow("a FIFO") << u"mkfifo file"_s << u"file"_s;
+        if (::geteuid() == 0)
+            QTest::newRow("somebody else's") << u"touch file; chown nobody file"_s << u"file"_s;
+        else if (::geteuid() != nobody) // who is everybody else in a user namespace
+            QTest::newRow("somebody else's") << u":"_s << u"../../dev/full"_s;
+    }
+    void whatMayNotBeWrittenToCannotBeOpened()
+    {
+        QFETCH(const QString, preparation);
+        const TestFolder folder;
+        writeFile(folder.path(u"target"_s), "mine");
+        const QString script = u"cd '%1'; "_s.arg(folder.path()) + preparation;
+        QCOMPARE(QProcess::execute(u"/bin/sh"_s, {u"-c"_s, script}), 0);
+        QFETCH(QString, path);
+        path = folder.path(path);
+        const LogCapture log;
+        QVERIFY(!writeToFile(path, "secret"));
+        QCOMPARE(LogCapture::lines(),
+                 logLines({u"debug Writing to file: \"%1\""_s.arg(path),
+                           u"critical Failed to open file for writing: \"%1\""_s.arg(path),
+                           u"warning Warning: Could not open  \"%1\""_s.arg(path)}));
+        QCOMPARE(contentOf(folder.path(u"target"_s)), QByteArray("mine"));
+        QVERIFY(!QFileInfo::exists(folder.path(u"nothing"_s)));
+    }
+
+    void aWriteThatReportsAnErrorFails()
+    {
+        if (::geteuid() != 0)
+            QSKIP("/dev/full belongs to root");
+        const LogCapture log;
+        QVERIFY(!writeToFile(u"/dev/full"_s, QByteArray(1'000'000, 'x')));
+        QCOMPARE(LogCapture::lines().last(1),
+                 logLines({u"debug Wrote -1 bytes to file: \"/dev/full\""_s}));
+    }
+
+    void theTimeStampIsTheLocalTime()
+    {
+        const QDateTime before = QDateTime::currentDateTime();
+        const QString stamp = currentTimestamp();
+        const QDateTime read = QDateTime::fromString(stamp, u"yyyyMMdd_hhmmsszzz"_s);
+        QCOMPARE(stamp.size(), 18);
+        QVERIFY(before <= read && read <= QDateTime::currentDateTime());
+    }
+};
+
+CRASH_HANDLER_TEST_MAIN(UtilitiesTest)
+#include "tst_utilities.moc"
