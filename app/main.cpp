@@ -7,11 +7,24 @@
 #include <QTextStream>
 
 #include <cstdlib>
+
+#include <malloc.h>
 #include <unistd.h>
 
 using namespace Qt::StringLiterals;
 
 namespace {
+
+/// The buffers that a piece of the debugger's output passes through are freed at once. By default the allocator
+/// gives them back to the system each time and has them cleared again, page by page, for the next piece:
+/// half of the time that a large backtrace takes.
+void keepFreedBuffers()
+{
+    constexpr int largestBuffer = 1024 * 1024; // bytes; the whole output alone is larger
+    constexpr int keptMemory = 4 * largestBuffer;
+    mallopt(M_MMAP_THRESHOLD, largestBuffer);
+    mallopt(M_TRIM_THRESHOLD, keptMemory);
+}
 
 [[noreturn]] void exitWithUsage()
 {
@@ -30,6 +43,7 @@ namespace {
 int main(int argc, char *argv[])
 {
     resetInheritedState();
+    keepFreedBuffers();
     qInfo() << "Starting crash handler";
     const QCoreApplication application(argc, argv);
     qDebug() << "Setting application name";
