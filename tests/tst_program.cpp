@@ -11,6 +11,7 @@
 
 #include <csignal>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include <sys/mount.h>
@@ -24,6 +25,10 @@ namespace {
 const QByteArray current = "[Current thread is 1 (x)]\n";
 const QByteArray marker = "text to select is [Thread 1]";
 const QByteArray good = "echo '[Current thread is 1 (x)]'; "; // what a debugger does
+// The words are those of Qt, which changed them.
+const QByteArray noSuchProgram
+    = QByteArray(qstrcmp(qVersion(), "6.7") < 0 ? "execvp" : "Child process set up failed: execve")
+    + ": No such file or directory";
 const QByteArray hint = "A problem occurred providing the backtrace. "
                         "Please make sure to have the debugger \"gdb\" installed.\n";
 
@@ -84,8 +89,7 @@ struct World
     QByteArray debugger = good;
     QByteArray report = current + marker; // behind the header; null when all is lost
     QString inherited = {}; // what the handler inherits
-    QString locale = u"C.UTF-8"_s;
-    QString temporaryFolder = u"/tmp"_s;
+    std::pair<QString, QString> variable = {u"TMPDIR"_s, u"/tmp"_s};
     QString dumpFolder = {}; // what is there when the handler starts
     QByteArray logged = {}; // a part of the log
     int exitStatus = 0;
@@ -161,15 +165,12 @@ private Q_SLOTS:
         QCOMPARE(contentOf(dumps().constFirst()), header + current + marker);
 
         // What differs from run to run and from machine to machine.
-        const QString log = QString::fromUtf8(crash.log);
+        const QString log = QString::fromUtf8(crash.log).remove(
+            QRegularExpression(u".*(Fail|Succ|Warn).*lsb-release.*\n"_s));
         const QString pid = QRegularExpression(u"ID: (\\d+)"_s).match(log).captured(1);
-        const bool hasRelease = QFileInfo::exists(u"/etc/lsb-release"_s);
         const QString variables = crash.environment.toStringList().join(u"\", \""_s);
         const QString expected
             = QString::fromUtf8(contentOf(QFINDTESTDATA("ordinary-run.log")))
-                  .remove(
-                      QRegularExpression(hasRelease ? u"@NO_RELEASE@ .*\n"_s : u"@RELEASE@ .*\n"_s))
-                  .remove(QRegularExpression(u"@(NO_)?RELEASE@ "_s))
                   .replace(u"@PID@"_s, pid)
                   .replace(u"@STAMP@"_s, QFileInfo(dumps().constFirst()).completeBaseName())
                   .replace(u"@PROBE@"_s, crash.process.program())
@@ -178,81 +179,53 @@ private Q_SLOTS:
         QCOMPARE(log.split(u'\n'), expected.split(u'\n'));
     }
 
+    // A table is read by its lines: one for what goes in, one for what must come out.
+    // clang-format off
     void whatCanBeKeptIsKept_data()
     {
+        const QByteArray showState = "grep -E 'Sig(Blk|Ign)' /proc/self/status; ls /proc/self/fd; ";
+        const QByteArray cleanState = "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n0\n1\n2\n3\n";
+        const QByteArray waitForDump = "; until grep -q kept /tmp/vastel-mail/*.dump; do sleep 0.01; done; ";
+
         QTest::addColumn<World>("world");
-        for (const char *state : {"nothing", "signals blocked", "signals ignored",
-                                  "descriptors open", "no standard streams", "no standard error",
-                                  "log without reader", "log on a full device"})
-            QTest::newRow(state) << World{.debugger = "grep -E 'Sig(Blk|Ign)' /proc/self/status; "
-                                                      "ls /proc/self/fd; "
-                                              + good,
-                                          .report = "SigBlk:\t0000000000000000\n"
-                                                    "SigIgn:\t0000000000000000\n"
-                                                    "0\n1\n2\n3\n"
-                                              + current + marker,
+        for (const char *state : {"nothing", "signals blocked", "signals ignored", "descriptors open",
+                                  "no standard streams", "no standard error", "log without reader", "log on a full device"})
+            QTest::newRow(state) << World{.debugger = showState + good, .report = cleanState + current + marker,
                                           .inherited = QString::fromLatin1(state)};
         for (const char *locale : {"C", "de_DE.ISO-8859-1", "not_INSTALLED"})
-            QTest::newRow(locale) << World{.locale = QString::fromLatin1(locale)};
+            QTest::newRow(locale) << World{.variable = {u"LC_ALL"_s, QString::fromLatin1(locale)}};
 
-        QTest::newRow("gdb fails")
-            << World{.debugger = "echo kept; exit 3",
-                     .report = "kept\n" + hint + "Debugger exited with code 3.",
-                     .logged = "Debugger exited with error code: 3\n",
-                     .restarts = false};
-        QTest::newRow("gdb is killed")
-            << World{.debugger = "echo kept; kill -KILL $$",
-                     .report = "kept\n" + hint + "QProcess: Process crashed",
-                     .logged = "error occurred: \"Process crashed\"\n",
-                     .restarts = false};
+        QTest::newRow("gdb fails") << World{.debugger = "echo kept; exit 3",
+            .report = "kept\n" + hint + "Debugger exited with code 3.", .logged = "error code: 3\n", .restarts = false};
+        QTest::newRow("gdb is killed") << World{.debugger = "echo kept; kill -KILL $$",
+            .report = "kept\n" + hint + "QProcess: Process crashed", .logged = "occurred: \"Process crashed\"\n", .restarts = false};
         for (const char *debugger : {"", "#!/nowhere"}) // gdb is missing, or its interpreter is
-            QTest::addRow("gdb cannot be started: '%s'", debugger)
-                << World{.debugger = debugger,
-                         .report = hint + "QProcess: execvp: No such file or directory",
-                         .inherited = u"no other debugger"_s,
-                         .logged = "Debugger process error: QProcess::FailedToStart\n",
-                         .restarts = false};
-        for (const char *debugger :
-             {"#!/nowhere", "echo unheard; exit 3", "echo unheard; sleep 1000"})
-            QTest::addRow("no temporary files, and gdb does this: %s", debugger)
-                << World{.debugger = debugger,
-                         .report = hint + "Error: Could not create temporary command file.",
-                         .temporaryFolder = u"/proc"_s,
-                         .logged = "critical Failed to create temporary command file\n",
-                         .restarts = false};
-        QTest::newRow("the restart is disabled")
-            << World{.inherited = u"restart disabled"_s,
-                     .logged = "default info Application restart disabled\n",
-                     .restarts = false};
-        QTest::newRow("the crashed process is killed")
-            << World{.debugger = "kill -KILL $7; " + good, .exitStatus = -1};
-        const QByteArray waitForDump
-            = "; until grep -q kept /tmp/vastel-mail/*.dump; do sleep 0.01; done; ";
-        QTest::newRow("the handler is killed")
-            << World{.debugger = "echo kept" + waitForDump + "kill -KILL $PPID",
-                     .report = "kept\n",
-                     .exitStatus = 128 + SIGKILL,
-                     .restarts = false};
-        QTest::newRow("bytes that are no text")
-            << World{.debugger = good + R"(printf 'a\000b\377')",
-                     .report = current + QByteArray("a\0b\xef\xbf\xbd", 6) + marker};
-        QTest::newRow("a character cut in two")
-            << World{.debugger = good + R"(printf 'kept\303')" + waitForDump + R"(printf '\251')",
-                     .report = current + "kept\xef\xbf\xbd\xef\xbf\xbd" + marker};
-        QTest::newRow("one line of 50 MB")
-            << World{.debugger = good + "head -c 50000000 /dev/zero | tr '\\0' x",
-                     .report = current + QByteArray(50'000'000, 'x') + marker};
+            QTest::addRow("gdb cannot be started: '%s'", debugger) << World{.debugger = debugger,
+                .report = hint + "QProcess: " + noSuchProgram, .inherited = u"no other debugger"_s,
+                .logged = "Debugger process error: QProcess::FailedToStart\n", .restarts = false};
+        for (const char *debugger : {"#!/nowhere", "echo unheard; exit 3", "echo unheard; sleep 1000"})
+            QTest::addRow("no temporary files, and gdb does this: %s", debugger) << World{.debugger = debugger,
+                .report = hint + "Error: Could not create temporary command file.", .variable = {u"TMPDIR"_s, u"/proc"_s},
+                .logged = "critical Failed to create temporary command file\n", .restarts = false};
+        QTest::newRow("the restart is disabled") << World{.inherited = u"restart disabled"_s,
+            .logged = "default info Application restart disabled\n", .restarts = false};
+        QTest::newRow("the crashed process is killed") << World{.debugger = "kill -KILL $7; " + good, .exitStatus = -1};
+        QTest::newRow("the handler is killed") << World{.debugger = "echo kept" + waitForDump + "kill -KILL $PPID",
+            .report = "kept\n", .exitStatus = 128 + SIGKILL, .restarts = false};
+        QTest::newRow("bytes that are no text") << World{.debugger = good + R"(printf 'a\000b\377')",
+            .report = current + QByteArray("a\0b\xef\xbf\xbd", 6) + marker};
+        QTest::newRow("a character cut in two") << World{.debugger = good + R"(printf 'kept\303')" + waitForDump + R"(printf '\251')",
+            .report = current + "kept\xef\xbf\xbd\xef\xbf\xbd" + marker};
+        QTest::newRow("one line of 50 MB") << World{.debugger = good + "head -c 50000000 /dev/zero | tr '\\0' x",
+            .report = current + QByteArray(50'000'000, 'x') + marker};
 
         QTest::newRow("the folder is a file") << World{.report = {}, .dumpFolder = u"file"_s};
-        QTest::newRow("the folder is read-only")
-            << World{.report = {}, .dumpFolder = u"read-only"_s};
-        QTest::newRow("the folder is removed meanwhile")
-            << World{.debugger = "rm -r /tmp/vastel-mail; " + good,
-                     .report = {},
-                     .dumpFolder = u"removed"_s};
-        QTest::newRow("the disk is full at first")
-            << World{.debugger = "rm /tmp/vastel-mail/fill; " + good, .dumpFolder = u"full"_s};
+        QTest::newRow("the folder is read-only") << World{.report = {}, .dumpFolder = u"read-only"_s};
+        QTest::newRow("the folder is removed meanwhile") << World{.debugger = "rm -r /tmp/vastel-mail; " + good,
+            .report = {}, .dumpFolder = u"removed"_s};
+        QTest::newRow("the disk is full at first") << World{.debugger = "rm /tmp/vastel-mail/fill; " + good, .dumpFolder = u"full"_s};
     }
+    // clang-format on
     void whatCanBeKeptIsKept()
     {
         QFETCH(const World, world);
@@ -263,8 +236,7 @@ private Q_SLOTS:
             folder.writeDebugger(world.debugger);
         Crash crash(folder.path());
         crash.environment.insert(u"PROBE_STATE"_s, world.inherited);
-        crash.environment.insert(u"LC_ALL"_s, world.locale);
-        crash.environment.insert(u"TMPDIR"_s, world.temporaryFolder);
+        crash.environment.insert(world.variable.first, world.variable.second);
         QCOMPARE(crash.run(), world.exitStatus);
         QVERIFY2(crash.log.contains(world.logged), crash.log);
 

@@ -24,12 +24,9 @@ private Q_SLOTS:
     {
         QTest::addColumn<QByteArray>("content");
         QTest::addColumn<QByteArray>("asText");
-        QTest::newRow("an empty file") << QByteArray() << QByteArray();
-        QTest::newRow("text loses its carriage returns")
-            << QByteArray("a\r\nb\r\n") << QByteArray("a\nb\n");
-        QTest::newRow("NUL and bytes above 127 are kept")
-            << QByteArray("a\0\xfc\0", 4) << QByteArray("a\0\xfc\0", 4);
-        QTest::newRow("a large file") << QByteArray(300'000, 'x') << QByteArray(300'000, 'x');
+        QTest::newRow("empty") << QByteArray() << QByteArray();
+        QTest::newRow("any bytes")
+            << QByteArray("a\r\n\0\xfc\r\n", 7) << QByteArray("a\n\0\xfc\n", 5);
     }
     void wholeFilesAreRead()
     {
@@ -45,30 +42,23 @@ private Q_SLOTS:
         QCOMPARE(readBinaryFile(path), content);
     }
 
-    void dataIsAppendedForItsOwnerAlone_data()
-    {
-        QTest::addColumn<mode_t>("mask");
-        QTest::newRow("no umask") << mode_t(0);
-        QTest::newRow("a umask that takes every right") << mode_t(0777);
-    }
     void dataIsAppendedForItsOwnerAlone()
     {
-        QFETCH(const mode_t, mask);
         const TestFolder folder;
         const QString path = folder.path(u"file"_s);
-        const mode_t earlierMask = ::umask(mask);
+        const mode_t umaskThatTakesEveryRight = 0777;
+        const mode_t earlierMask = ::umask(umaskThatTakesEveryRight);
         const LogCapture log;
         const bool written = writeToFile(path, "a\r\n") && writeToFile(path, {})
             && writeToFile(path, QByteArray("b\0c", 3));
-        QCOMPARE(::umask(earlierMask), mask);
+        QCOMPARE(::umask(earlierMask), umaskThatTakesEveryRight);
         QVERIFY(written);
         QCOMPARE(contentOf(path), QByteArray("a\r\nb\0c", 6));
         QCOMPARE(LogCapture::lines().sliced(2, 2),
                  logLines({u"debug Writing to file: \"%1\""_s.arg(path),
                            u"debug Wrote 0 bytes to file: \"%1\""_s.arg(path)}));
-        struct stat status;
-        QCOMPARE(::stat(QFile::encodeName(path).constData(), &status), 0);
-        QCOMPARE(status.st_mode, mode_t(S_IFREG | S_IRUSR | S_IWUSR));
+        QCOMPARE(QFile::permissions(path),
+                 QFile::ReadOwner | QFile::WriteOwner | QFile::ReadUser | QFile::WriteUser);
     }
 
     void whatMayNotBeWrittenToCannotBeOpened_data()
