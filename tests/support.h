@@ -5,24 +5,7 @@
 #include <QStringList>
 #include <QTemporaryDir>
 
-/// Runs the test class as QTEST_GUILESS_MAIN does, but in a /tmp of its own where the system allows that.
-#define CRASH_HANDLER_TEST_MAIN(TestClass)                                                         \
-    int main(int argc, char *argv[])                                                               \
-    {                                                                                              \
-        enterPrivateTmp();                                                                         \
-        const QCoreApplication application(argc, argv);                                            \
-        TestClass test;                                                                            \
-        return QTest::qExec(&test, argc, argv);                                                    \
-    }
-
 inline constexpr int patience = 60'000; // ms; reached only when something is broken
-
-/// Gives this process and its children an empty /tmp that vanishes with them, and no descriptors but the
-/// standard ones. Call it before any thread and any file exists. As an ordinary user it needs unprivileged
-/// user namespaces.
-void enterPrivateTmp();
-/// False when that was refused: then tests must not touch what others have in /tmp.
-bool hasPrivateTmp();
 
 /// Collects the log of this process while it lives: "category level text" a line.
 class LogCapture

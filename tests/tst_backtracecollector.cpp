@@ -77,5 +77,5 @@ private Q_SLOTS:
     }
 };
 
-CRASH_HANDLER_TEST_MAIN(BacktraceCollectorTest)
+QTEST_GUILESS_MAIN(BacktraceCollectorTest)
 #include "tst_backtracecollector.moc"

@@ -13,25 +13,6 @@ class CrashHandlerTest : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void theMarkerNamesTheFirstCurrentThread_data()
-    {
-        QTest::addColumn<QString>("backtrace");
-        QTest::addColumn<QByteArray>("marker");
-        QTest::newRow("several") << u"a\n[Current thread is 12 (x)]\n[Current thread is 3 (x)]"_s
-                                 << QByteArray("text to select is [Thread 12]");
-        QTest::newRow("none") << u"[Current thread is unknown]"_s << QByteArray();
-    }
-    void theMarkerNamesTheFirstCurrentThread()
-    {
-        QFETCH(const QString, backtrace);
-        QFETCH(const QByteArray, marker);
-        const TestFolder folder;
-        CrashHandler handler(QCoreApplication::applicationPid(), u"mail"_s, u"11"_s, true);
-        handler.onBacktraceChunk(u"no line end"_s);
-        handler.onBacktraceFinished(backtrace);
-        QCOMPARE(contentOf(dumps().constLast()), dumpHeader("mail", "11") + "no line end" + marker);
-    }
-
     void withoutACommandLineNothingIsStarted()
     {
         const TestFolder folder;
@@ -83,5 +64,5 @@ private Q_SLOTS:
     }
 };
 
-CRASH_HANDLER_TEST_MAIN(CrashHandlerTest)
+QTEST_GUILESS_MAIN(CrashHandlerTest)
 #include "tst_crashhandler.moc"

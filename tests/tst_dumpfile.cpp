@@ -65,5 +65,5 @@ private Q_SLOTS:
     }
 };
 
-CRASH_HANDLER_TEST_MAIN(DumpFileTest)
+QTEST_GUILESS_MAIN(DumpFileTest)
 #include "tst_dumpfile.moc"

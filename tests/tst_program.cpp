@@ -10,13 +10,11 @@
 #include <QtTest>
 
 #include <csignal>
-#include <memory>
 #include <utility>
-#include <vector>
 
-#include <sys/mount.h>
+#include <linux/close_range.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
+#include <unistd.h>
 
 using namespace Qt::StringLiterals;
 
@@ -49,6 +47,9 @@ public:
               {u"QT_MESSAGE_PATTERN"_s, u"%{category} %{type} %{message}"_s}})
             environment.insert(name, value);
         process.setProgram(QFINDTESTDATA("probe.sh"));
+        // The first run must have no more descriptors than a restarted one, whatever this test has.
+        process.setChildProcessModifier(
+            [] { ::close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC); });
     }
 
     void start()
@@ -96,25 +97,19 @@ struct World
     bool restarts = true;
 };
 
-/// Returns why this system can't have such a folder of the dumps, or nothing.
-const char *prepareDumpFolder(const QString &kind)
+/// Puts something else in the place of the folder of the dumps; tests/private-tmp.sh has made what it needs.
+bool replaceDumpFolder(const QString &kind)
 {
-    constexpr char path[] = "/tmp/vastel-mail";
-    if (kind.isEmpty())
-        return nullptr;
-    if (!hasPrivateTmp())
-        return "needs a /tmp of its own";
+    const QString path = u"/tmp/vastel-mail"_s;
+    if (!QFileInfo::exists(u"/tmp/full"_s))
+        return false;
     if (kind == u"file"_s)
-        writeFile(QString::fromLatin1(path), {});
-    if (kind != u"full"_s && kind != u"read-only"_s)
-        return nullptr;
-    ::mkdir(path, S_IRWXU);
-    const bool full = kind == u"full"_s;
-    if (::mount("tmpfs", path, "tmpfs", full ? 0 : MS_RDONLY, "size=4k,mode=1777") != 0)
-        return "cannot mount";
-    if (full) // its one page is taken by another file
-        writeFile(u"/tmp/vastel-mail/fill"_s, "x");
-    return nullptr;
+        writeFile(path, {});
+    else if (kind != u"removed"_s)
+        QFile::link(u"/tmp/"_s + kind, path);
+    if (kind == u"full"_s) // its one page is taken by another file
+        writeFile(u"/tmp/full/fill"_s, "x");
+    return true;
 }
 
 } // namespace
@@ -203,10 +198,14 @@ private Q_SLOTS:
             QTest::addRow("gdb cannot be started: '%s'", debugger) << World{.debugger = debugger,
                 .report = hint + "QProcess: " + noSuchProgram, .inherited = u"no other debugger"_s,
                 .logged = "Debugger process error: QProcess::FailedToStart\n", .restarts = false};
-        for (const char *debugger : {"#!/nowhere", "echo unheard; exit 3", "echo unheard; sleep 1000"})
+        for (const char *debugger : {"#!/nowhere", "echo unheard; exit 3", "echo unheard; exec sleep 1000"})
             QTest::addRow("no temporary files, and gdb does this: %s", debugger) << World{.debugger = debugger,
                 .report = hint + "Error: Could not create temporary command file.", .variable = {u"TMPDIR"_s, u"/proc"_s},
                 .logged = "critical Failed to create temporary command file\n", .restarts = false};
+        QTest::newRow("several current threads") << World{.debugger = "echo '[Current thread is 12 (x)]'; " + good,
+            .report = "[Current thread is 12 (x)]\n" + current + "text to select is [Thread 12]"};
+        QTest::newRow("no current thread") << World{.debugger = "echo '[Current thread is unknown]'",
+            .report = "[Current thread is unknown]\n"};
         QTest::newRow("the restart is disabled") << World{.inherited = u"restart disabled"_s,
             .logged = "default info Application restart disabled\n", .restarts = false};
         QTest::newRow("the crashed process is killed") << World{.debugger = "kill -KILL $7; " + good, .exitStatus = -1};
@@ -230,8 +229,8 @@ private Q_SLOTS:
     {
         QFETCH(const World, world);
         const TestFolder folder;
-        if (const char *reason = prepareDumpFolder(world.dumpFolder))
-            QSKIP(reason);
+        if (!world.dumpFolder.isNull() && !replaceDumpFolder(world.dumpFolder))
+            QSKIP("needs a /tmp of its own");
         if (!world.debugger.isEmpty())
             folder.writeDebugger(world.debugger);
         Crash crash(folder.path());
@@ -309,23 +308,20 @@ private Q_SLOTS:
     {
         const TestFolder folder;
         folder.writeDebugger(good);
-        std::vector<std::unique_ptr<Crash>> crashes;
-        for (int number = 0; number < 10; ++number) {
-            const QString own = folder.path(QString::number(number));
-            QDir().mkdir(own);
-            crashes.push_back(std::make_unique<Crash>(own));
-            crashes.back()->start();
-        }
+        Crash crash(folder.path());
+        const QString crashes = u"for i in 0 1 2 3 4 5 6 7 8 9; do mkdir $PROBE_FOLDER/$i; "
+                                "PROBE_FOLDER=$PROBE_FOLDER/$i \"$0\" & done; wait"_s;
+        crash.process.setProgram(u"/bin/sh"_s);
+        crash.process.setArguments({u"-c"_s, crashes, QFINDTESTDATA("probe.sh")});
+        QCOMPARE(crash.run(), 0);
         QByteArray reports;
-        for (const auto &crash : crashes) {
-            QCOMPARE(crash->wait(), 0);
-            QTRY_VERIFY_WITH_TIMEOUT(QFileInfo::exists(crash->record(1)), patience);
-        }
         for (const QString &dump : dumps())
             reports += contentOf(dump);
         QCOMPARE(reports.count(dumpHeader("mail", "SIGSEGV")), 10);
         QCOMPARE(reports.count(current), 10);
         QCOMPARE(reports.count(marker), 10);
+        for (int number = 0; number < 10; ++number)
+            QTRY_VERIFY(QFileInfo::exists(folder.path(u"%1/run-1"_s.arg(number))));
     }
 
     void theRealDebuggerShowsTheCrash_data()
@@ -381,5 +377,5 @@ private Q_SLOTS:
     }
 };
 
-CRASH_HANDLER_TEST_MAIN(ProgramTest)
+QTEST_GUILESS_MAIN(ProgramTest)
 #include "tst_program.moc"

@@ -115,5 +115,5 @@ private Q_SLOTS:
     }
 };
 
-CRASH_HANDLER_TEST_MAIN(UtilitiesTest)
+QTEST_GUILESS_MAIN(UtilitiesTest)
 #include "tst_utilities.moc"
