@@ -51,8 +51,9 @@ missing_packages() {
 # ensure_packages NAME...: installs what is missing, as root or through sudo; where neither is possible, it
 # says what to run and ends the script.
 ensure_packages() {
-    command -v apt-get > /dev/null && command -v dpkg-query > /dev/null \
-        || fail "this system has no apt-get; install what these Debian packages hold, then build by hand: $*"
+    if ! command -v apt-get > /dev/null || ! command -v dpkg-query > /dev/null; then
+        fail "this system has no apt-get; install what these Debian packages hold, then build by hand: $*"
+    fi
 
     local missing
     mapfile -t missing < <(missing_packages "$@")
@@ -83,4 +84,5 @@ build() {
     quietly cmake --build --preset "$preset" ${1:+--target "$@"}
 }
 
+# shellcheck disable=SC2034 # for the scripts that source this
 build_packages=(cmake g++ ninja-build qt6-base-dev)
