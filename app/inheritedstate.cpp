@@ -1,9 +1,12 @@
 #include "app/inheritedstate.h"
 
 #include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <initializer_list>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -13,34 +16,39 @@ namespace {
 void openStandardDescriptors()
 {
     for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-        // open(2) returns the lowest free descriptor, which is this one: those below it are open.
-        if (::fcntl(descriptor, F_GETFD) == -1) {
-            [[maybe_unused]] const int opened = ::open("/dev/null", O_RDWR);
-        }
+        if (::fcntl(descriptor, F_GETFD) != -1)
+            continue;
+        // open(2) returns the lowest free descriptor, which is this one: those below it are open. Where there
+        // is no /dev, a folder takes the place, to which nothing can be written either.
+        if (::open("/dev/null", O_RDWR) == -1)
+            ::open("/", O_PATH);
     }
 }
 
-/// An ignored signal stays ignored across execve(2). With SIGCHLD ignored, moreover, the kernel reaps a child
-/// itself, and its exit code is lost (wait(2)).
-void resetSignalActions()
+void setSignalAction(int number, void (*handler)(int))
 {
     struct sigaction action = {};
-    action.sa_handler = SIG_DFL;
+    action.sa_handler = handler;
     // Refused, without harm, for SIGKILL and SIGSTOP and for the two signals that the C library keeps.
-    for (int number = 1; number <= SIGRTMAX; ++number)
-        ::sigaction(number, &action, nullptr);
+    ::sigaction(number, &action, nullptr);
 }
 
-/// Lets a write fail where it would end this process: to a pipe without reader (SIGPIPE), and past the
-/// inherited limit of a file's size (SIGXFSZ). Caught signals, unlike ignored ones, are back at their default
-/// after execve(2).
-void surviveFailedWrites()
+/// A signal that is caught is back at its default after execve(2), one that is ignored stays ignored. So what was
+/// ignored is caught to no effect: a user's nohup(1), for one, protects this program like the application.
+void resetSignalActions()
 {
-    struct sigaction action = {};
-    action.sa_handler = [](int) {};
-    action.sa_flags = SA_RESTART;
-    ::sigaction(SIGPIPE, &action, nullptr);
-    ::sigaction(SIGXFSZ, &action, nullptr);
+    const auto doNothing = [](int) {};
+    for (int number = 1; number <= SIGRTMAX; ++number) {
+        struct sigaction inherited = {};
+        ::sigaction(number, nullptr, &inherited);
+        setSignalAction(number, inherited.sa_handler == SIG_IGN ? +doNothing : SIG_DFL);
+    }
+    // A write is to fail where it would end this process: to a pipe without reader, and past the inherited
+    // limit of a file's size.
+    setSignalAction(SIGPIPE, doNothing);
+    setSignalAction(SIGXFSZ, doNothing);
+    // Neither ignored, when the kernel reaps a child itself and its exit code is lost (wait(2)), nor caught.
+    setSignalAction(SIGCHLD, SIG_DFL);
 }
 
 /// The handler is started from a signal handler, where at least the crash's own signal is blocked. A blocked
@@ -52,6 +60,34 @@ void unblockSignals()
     ::sigprocmask(SIG_SETMASK, &none, nullptr);
 }
 
+/// Qt would take the first warning, of a missing system file perhaps, for a reason to abort. The application gets
+/// its variables back with the rest of its environment.
+void outliveWarnings()
+{
+    ::unsetenv("QT_FATAL_WARNINGS");
+    ::unsetenv("QT_FATAL_CRITICALS");
+}
+
+/// The log may go into a pipe that somebody holds, but does not read: the crashed application itself, which shows
+/// its log in a window and is stopped. Rather than wait for him for ever, this program loses log lines.
+void keepLogFromWaiting()
+{
+    struct stat status = {};
+    if (::fstat(STDERR_FILENO, &status) == -1 || !S_ISFIFO(status.st_mode))
+        return;
+    // Opened anew, because O_NONBLOCK belongs to the open pipe, which others share, and the restarted application
+    // is to have as it is. Without any reader this fails; then writing fails as well and does not wait.
+    const int descriptor = ::open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    std::FILE *log = descriptor == -1 ? nullptr : ::fdopen(descriptor, "w");
+    if (log == nullptr)
+        return;
+    // The largest that an ordinary user may have (pipe(7)): a reader who is only slow misses nothing.
+    constexpr int pipeSize = 1024 * 1024;
+    ::fcntl(descriptor, F_SETPIPE_SZ, pipeSize);
+    std::setvbuf(log, nullptr, _IONBF, 0);
+    stderr = log;
+}
+
 } // namespace
 
 void resetInheritedState()
@@ -60,7 +96,8 @@ void resetInheritedState()
     // Sockets, locks and files of the application; they stay as they are in the crashed process itself.
     ::closefrom(STDERR_FILENO + 1);
     resetSignalActions();
-    surviveFailedWrites();
-    // Last: a signal that is already waiting to be delivered meets the actions that hold from here on.
+    // Only now: a signal that is already waiting to be delivered meets the actions that hold from here on.
     unblockSignals();
+    outliveWarnings();
+    keepLogFromWaiting();
 }

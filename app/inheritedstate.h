@@ -1,12 +1,17 @@
 #pragma once
 
-/// Puts right what a process that has just crashed leaves to its child: no signal is blocked afterwards and
-/// none ignored, no inherited descriptor from 3 up is open, and the descriptors 0, 1 and 2 are. What a user
-/// has chosen for the application stays: umask, working directory, resource limits, environment.
+/// Puts right what a process that has just crashed leaves to its child. Afterwards
 ///
-/// The debugger and the restarted application inherit the result through execve(2). The one thing that is
-/// not theirs: SIGPIPE and SIGXFSZ are caught here, and so back at their default there.
+/// - no signal is blocked, and none is ignored by the programs that are executed from here: the debugger and
+///   the restarted application. This program itself is not ended by what was ignored, nor by SIGPIPE and
+///   SIGXFSZ, and it learns the exit codes of its children;
+/// - no inherited descriptor from 3 up is open, and the descriptors 0, 1 and 2 are, on /dev/null if they were closed;
+/// - no log line ends this program or makes it wait: not Qt's QT_FATAL_WARNINGS and QT_FATAL_CRITICALS, not a pipe
+///   as standard error that nobody reads.
+///
+/// Everything else stays for the restarted application: umask, working directory, resource limits.
 ///
 /// To be called once, first thing in the entry function: before the first log line, which a dead reader of
-/// standard error would make fatal, and before any descriptor is opened. Cannot fail and logs nothing.
+/// standard error would make fatal, and before any descriptor is opened. What the system refuses of it is left as
+/// it is. Logs nothing.
 void resetInheritedState();

@@ -16,7 +16,7 @@ using namespace Qt::StringLiterals;
 namespace {
 
 /// The buffers that a piece of the debugger's output passes through are freed at once. By default the allocator
-/// gives them back to the system each time and has them cleared again, page by page, for the next piece:
+/// gives them back to the system each time and has them cleared again, page by page, for the next piece: up to
 /// half of the time that a large backtrace takes.
 void keepFreedBuffers()
 {

@@ -1,5 +1,7 @@
 #include "backtrace/backtracecollector.h"
 
+#include "util/ownerumask.h"
+
 #include <QDebug>
 #include <QTemporaryFile>
 
@@ -54,8 +56,9 @@ BacktraceCollector::~BacktraceCollector()
 void BacktraceCollector::start(qint64 pid)
 {
     qInfo() << "Starting gdb process for backtrace collection";
-    // An earlier start() without a command file has silenced the process.
-    d->process.blockSignals(false);
+    // An earlier start() without a command file has silenced its debugger, which may still run.
+    if (d->process.state() == QProcess::NotRunning)
+        d->process.blockSignals(false);
     const QStringList arguments{
         u"--nw"_s, // in the terminal
         u"--nx"_s, // without anybody's start-up files
@@ -85,6 +88,8 @@ QString BacktraceCollector::createCommandFile()
         return QString();
     };
 
+    // The debugger must be able to read it.
+    const OwnerUmask ownerUmask;
     d->commandFile = std::make_unique<QTemporaryFile>();
     if (!d->commandFile->open()) {
         qCritical() << "Failed to create temporary command file";

@@ -14,6 +14,7 @@
 #include <QStandardPaths>
 #include <QStringDecoder>
 
+#include <csignal>
 #include <cstdlib>
 #include <vector>
 
@@ -54,46 +55,44 @@ QStringList processTexts(const QStringList &latin1)
     return texts;
 }
 
-/// Strings in the form that execve(2) takes.
-class ExecVector
-{
-public:
-    explicit ExecVector(const QStringList &texts)
-    {
-        for (const QString &text : texts)
-            strings.push_back(text.toUtf8());
-        for (QByteArray &string : strings)
-            pointers.push_back(string.data());
-        pointers.push_back(nullptr);
-    }
-
-    [[nodiscard]] char *const *data() const { return pointers.data(); }
-
-private:
-    std::vector<QByteArray> strings;
-    std::vector<char *> pointers;
-};
-
 /// Returns the path of a \a program that is named without a folder, or nothing when it names one itself.
 QString foundOnSearchPath(const QString &program)
 {
     return program.contains(u'/') ? QString() : QStandardPaths::findExecutable(program);
 }
 
+/// Becomes \a executable, with \a variables laid over this process's own. Returns when that fails.
+void execute(const QString &executable, const QStringList &arguments,
+             const QProcessEnvironment &variables)
+{
+    const QStringList names = variables.keys();
+    for (const QString &name : names)
+        qputenv(name.toUtf8().constData(), variables.value(name).toUtf8());
+
+    std::vector<QByteArray> strings;
+    for (const QString &argument : arguments)
+        strings.push_back(argument.toUtf8());
+    std::vector<char *> vector;
+    for (QByteArray &string : strings)
+        vector.push_back(string.data());
+    vector.push_back(nullptr);
+
+    // Qt ignores it to write to processes, and an ignored signal stays ignored across execve(2).
+    ::signal(SIGPIPE, SIG_DFL);
+    ::execv(QFile::encodeName(executable).constData(), vector.data());
+}
+
 /// Does what QProcess::startDetached() does, but leaves argument 0 as it is: QProcess would replace it by the
 /// path that it finds, and the application would not get back the argument vector that it had.
 void executeDetached(const QString &executable, const QStringList &arguments,
-                     const QStringList &environment)
+                     const QProcessEnvironment &variables)
 {
-    const QByteArray path = QFile::encodeName(executable);
-    const ExecVector argumentVector(arguments);
-    const ExecVector environmentVector(environment);
     const pid_t child = ::fork();
     if (child == 0) {
         ::setsid();
         // The grandchild outlives its parent at once, and so belongs to the system, not to the handler.
         if (::fork() == 0)
-            ::execve(path.constData(), argumentVector.data(), environmentVector.data());
+            execute(executable, arguments, variables);
         ::_exit(EXIT_SUCCESS);
     }
     // Without a child, waitpid(2) would take -1 for any child and wait for the debugger.
@@ -134,13 +133,15 @@ void CrashHandler::startApplication(const QStringList &commandLine, const QStrin
 
     QProcess process;
     QProcessEnvironment processEnvironment = QProcessEnvironment::systemEnvironment();
+    QProcessEnvironment variables;
     for (const QString &entry : environment) {
         const qsizetype separator = entry.indexOf(environmentSeparator);
         if (separator == -1)
             continue;
-        processEnvironment.insert(processText(entry.left(separator)),
-                                  processText(entry.mid(separator + environmentSeparator.size())));
+        variables.insert(processText(entry.left(separator)),
+                         processText(entry.mid(separator + environmentSeparator.size())));
     }
+    processEnvironment.insert(variables);
     if (commandLine.isEmpty())
         return;
 
@@ -156,7 +157,7 @@ void CrashHandler::startApplication(const QStringList &commandLine, const QStrin
     if (executable.isEmpty())
         process.startDetached();
     else
-        executeDetached(executable, texts, processEnvironment.toStringList());
+        executeDetached(executable, texts, variables);
 }
 
 void CrashHandler::restartApplication()

@@ -2,6 +2,7 @@
 
 #include "util/files.h"
 #include "util/logging.h"
+#include "util/ownerumask.h"
 #include "util/systeminformation.h"
 
 #include <QDir>
@@ -18,6 +19,8 @@ const QString dumpFileSuffix = u".dump"_s;
 QString ensuredDirectory(const QString &dumpDirectory)
 {
     const QString directory = dumpDirectory.isEmpty() ? defaultDumpDirectory : dumpDirectory;
+    // A folder that its owner cannot enter would lose this report and all later ones.
+    const OwnerUmask ownerUmask;
     if (QDir().exists(directory) || QDir().mkpath(directory))
         return directory;
 

@@ -7,7 +7,8 @@
 
 class DumpFilePrivate;
 
-/// The crash report on disk: one UTF-8 text file for each handled crash, made only by appending.
+/// The crash report on disk: one UTF-8 text file for each handled crash, made only by appending. Crashes in the same
+/// millisecond share one file, piece by piece.
 ///
 /// Construction fixes the file's path and writes the report's header; after that any number of texts are
 /// appended with writeMessage(). No file stays open between two writes, so a handler that is killed leaves
@@ -21,12 +22,13 @@ class DumpFile : public QObject
     Q_OBJECT
 
 public:
-    /// Chooses the path, makes sure that its folder exists, and writes the header, which creates the file.
+    /// Chooses the path, creates its folder if need be, and writes the header, which creates the file.
     ///
     /// \a appName and \a signalName go into the header as they are. \a dumpDirectory is the folder of the
     /// file, "/tmp/vastel-mail" when it is empty; it is created with every missing parent and the process's
-    /// default permissions. When that fails (logged as critical and warning) the file is put into
-    /// QDir::tempPath() instead. Anything that already exists at the folder's path is taken as the folder.
+    /// default permissions, of which the umask takes none from the owner. When that fails (logged as critical
+    /// and warning) the file is put into QDir::tempPath() instead, which is not tested. Anything that already
+    /// exists at the folder's path is taken as the folder. A header that cannot be written is logged and lost.
     DumpFile(const QString &appName, const QString &signalName, const QString &dumpDirectory,
              QObject *parent = nullptr);
     ~DumpFile() override;

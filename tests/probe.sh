@@ -7,6 +7,8 @@
 #   PROBE_HANDLER  the handler's path
 #   PROBE_STATE    what the handler inherits
 
+[ "$PROBE_STATE" != "umask without the owner's rights" ] || umask 0177
+
 run=0
 while [ -e "$PROBE_FOLDER/run-$run" ]; do run=$((run + 1)); done
 
@@ -41,6 +43,11 @@ case $PROBE_STATE in
         exec 3> "$PROBE_FOLDER/log-$$"
         wait
         crash > /dev/null 2>&3
+        ;;
+    "log that nobody reads")
+        mkfifo "$PROBE_FOLDER/log-$$"
+        exec 3<> "$PROBE_FOLDER/log-$$"
+        crash 2>&3
         ;;
     "log on a full device") crash > /dev/full 2>&1 ;;
     *) crash ;;

@@ -18,7 +18,7 @@ private Q_SLOTS:
     void theDebuggerIsToldWhatToDoAndHeardInFull()
     {
         const TestFolder folder;
-        folder.writeDebugger("printf '<%s>' \"$@\" >&2; cat \"$5\"");
+        folder.writeDebugger(R"(printf '<%s>' "$@" >&2; cat "$5")");
         BacktraceCollector collector;
         QString chunks;
         connect(&collector, &BacktraceCollector::backtraceChunk, this,

@@ -80,7 +80,6 @@ public:
     QProcess process;
     QByteArray log;
 
-private:
     const QString folder;
 };
 
@@ -184,9 +183,11 @@ private Q_SLOTS:
 
         QTest::addColumn<World>("world");
         for (const char *state : {"nothing", "signals blocked", "signals ignored", "descriptors open",
-                                  "no standard streams", "no standard error", "log without reader", "log on a full device"})
+                                  "no standard streams", "no standard error", "log without reader", "log that nobody reads",
+                                  "log on a full device", "umask without the owner's rights"})
             QTest::newRow(state) << World{.debugger = showState + good, .report = cleanState + current + marker,
                                           .inherited = QString::fromLatin1(state)};
+        QTest::newRow("fatal warnings") << World{.variable = {u"QT_FATAL_WARNINGS"_s, u"1"_s}};
         for (const char *locale : {"C", "de_DE.ISO-8859-1", "not_INSTALLED"})
             QTest::newRow(locale) << World{.variable = {u"LC_ALL"_s, QString::fromLatin1(locale)}};
 
@@ -236,6 +237,8 @@ private Q_SLOTS:
         Crash crash(folder.path());
         crash.environment.insert(u"PROBE_STATE"_s, world.inherited);
         crash.environment.insert(world.variable.first, world.variable.second);
+        if (world.inherited == u"log that nobody reads"_s) // more log than a pipe can hold
+            crash.process.setArguments({QString(60'000, u'\x80'), QString(60'000, u'\x80')});
         QCOMPARE(crash.run(), world.exitStatus);
         QVERIFY2(crash.log.contains(world.logged), crash.log);
 

@@ -1,6 +1,7 @@
 #include "util/files.h"
 
 #include "util/logging.h"
+#include "util/ownerumask.h"
 
 #include <QFile>
 
@@ -34,11 +35,8 @@ int openPrivately(const QString &path)
 {
     constexpr int flags
         = O_RDWR | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
-    // The inherited umask, which the restarted application is to get back, could take the owner's rights, too.
-    const mode_t inheritedMask = ::umask(S_IRWXG | S_IRWXO);
-    const int descriptor = ::open(QFile::encodeName(path).constData(), flags, S_IRUSR | S_IWUSR);
-    ::umask(inheritedMask);
-    return descriptor;
+    const OwnerUmask ownerUmask;
+    return ::open(QFile::encodeName(path).constData(), flags, S_IRUSR | S_IWUSR);
 }
 
 /// True when what was opened can only be meant for this user: it belongs to him, it has no second name, which

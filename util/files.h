@@ -4,13 +4,14 @@
 #include <QString>
 
 // Whole files, read and appended to. The functions hold no state and keep no file open between calls;
-// they log what they do, and every failure, through logCrashHandler. Paths that are relative are taken
-// from the current working directory.
+// they log what they do through logCrashHandler. Paths that are relative are taken from the current working
+// directory.
 
 /// Returns the whole content of the file at \a path, read in text mode: carriage returns are dropped,
 /// every other byte is kept, NUL included. Files of proc(5), which report a size of 0, are read whole.
 ///
-/// Returns an empty byte array when the file cannot be opened; that is logged as critical and warning.
+/// Returns an empty byte array when the file cannot be opened; that is logged as critical and warning. A read that
+/// fails part-way is not reported: it returns what was read.
 [[nodiscard]] QByteArray readFile(const QString &path);
 
 /// As readFile(), but with every byte kept, carriage returns too: for content that is not text.
@@ -26,6 +27,6 @@
 /// them does not wait.
 ///
 /// Returns true when the file was opened and the write did not report -1. A short write counts as
-/// success, and so does data that is lost only when the file is closed. Returns false when the file
+/// success, and so does, unlogged, data that is lost only when the file is closed. Returns false when the file
 /// cannot be opened, logged as critical and warning, or when the write reports -1, logged as the count.
 bool writeToFile(const QString &path, const QByteArray &data);
