@@ -52,23 +52,15 @@ public:
             [] { ::close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC); });
     }
 
-    void start()
+    /// Waits for the end of the first run and its handler; returns that one's exit status.
+    int run()
     {
         process.setProcessEnvironment(environment);
         process.start();
-    }
-    /// Waits for the end of the first run and its handler; returns that one's exit status.
-    int wait()
-    {
-        if (process.state() != QProcess::NotRunning && !process.waitForFinished(patience))
+        if (!process.waitForFinished(patience))
             return -1;
         log = process.readAllStandardError();
         return process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
-    }
-    int run()
-    {
-        start();
-        return wait();
     }
     [[nodiscard]] QString record(int run) const { return folder + u"/run-%1"_s.arg(run); }
     [[nodiscard]] QByteArrayList recorded(int run) const

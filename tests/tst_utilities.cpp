@@ -1,8 +1,6 @@
 #include "tests/support.h"
 #include "util/files.h"
-#include "util/systeminformation.h"
 
-#include <QDateTime>
 #include <QFileInfo>
 #include <QtTest>
 
@@ -103,15 +101,6 @@ private Q_SLOTS:
         QVERIFY(!writeToFile(u"/dev/full"_s, QByteArray(1'000'000, 'x')));
         QCOMPARE(LogCapture::lines().last(1),
                  logLines({u"debug Wrote -1 bytes to file: \"/dev/full\""_s}));
-    }
-
-    void theTimeStampIsTheLocalTime()
-    {
-        const QDateTime before = QDateTime::currentDateTime();
-        const QString stamp = currentTimestamp();
-        const QDateTime read = QDateTime::fromString(stamp, u"yyyyMMdd_hhmmsszzz"_s);
-        QCOMPARE(stamp.size(), 18);
-        QVERIFY(before <= read && read <= QDateTime::currentDateTime());
     }
 };
 
