@@ -70,11 +70,11 @@ void execute(const QString &executable, const QStringList &arguments,
         qputenv(name.toUtf8().constData(), variables.value(name).toUtf8());
 
     std::vector<QByteArray> strings;
-    for (const QString &argument : arguments)
-        strings.push_back(argument.toUtf8());
     std::vector<char *> vector;
-    for (QByteArray &string : strings)
-        vector.push_back(string.data());
+    strings.reserve(arguments.size());
+    vector.reserve(arguments.size() + 1);
+    for (const QString &argument : arguments)
+        vector.push_back(strings.emplace_back(argument.toUtf8()).data());
     vector.push_back(nullptr);
 
     // Qt ignores it to write to processes, and an ignored signal stays ignored across execve(2).
