@@ -15,6 +15,27 @@ namespace {
 /// The debugger's answer to its "thread" command, which stands before the backtraces.
 const QString currentThreadPattern = uR"(\[Current thread is (\d+))"_s;
 
+/// What each match of the pattern begins with.
+constexpr QStringView currentThreadStart = u"[Current thread is ";
+
+/// Returns the number that the pattern's first match in \a backtrace captures, or nothing. The pattern is tried
+/// where it can match only: a match first validates all of its text, here up to hundreds of MiB.
+QString firstCurrentThread(const QString &backtrace)
+{
+    const QRegularExpression expression(currentThreadPattern);
+    qsizetype start = backtrace.indexOf(currentThreadStart);
+    while (start != -1) {
+        const qsizetype lineEnd = backtrace.indexOf(u'\n', start);
+        const QString line
+            = backtrace.sliced(start, (lineEnd == -1 ? backtrace.size() : lineEnd) - start);
+        const QRegularExpressionMatch match = expression.match(line);
+        if (match.hasMatch())
+            return match.captured(1);
+        start = backtrace.indexOf(currentThreadStart, start + 1);
+    }
+    return {};
+}
+
 } // namespace
 
 void CrashHandler::onBacktraceChunk(const QString &chunk)
@@ -33,9 +54,9 @@ void CrashHandler::reportError(const QString &errorMessage)
 
 void CrashHandler::markCurrentThread(const QString &backtrace)
 {
-    const QRegularExpressionMatch match = QRegularExpression(currentThreadPattern).match(backtrace);
-    if (!match.hasMatch())
+    const QString number = firstCurrentThread(backtrace);
+    if (number.isEmpty())
         return;
-    const QString thread = u"Thread %1"_s.arg(match.captured(1));
+    const QString thread = u"Thread %1"_s.arg(number);
     d->dumpFile.writeMessage(u"text to select is [%1]"_s.arg(thread));
 }

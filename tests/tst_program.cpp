@@ -195,8 +195,9 @@ private Q_SLOTS:
             QTest::addRow("no temporary files, and gdb does this: %s", debugger) << World{.debugger = debugger,
                 .report = hint + "Error: Could not create temporary command file.", .variable = {u"TMPDIR"_s, u"/proc"_s},
                 .logged = "critical Failed to create temporary command file\n", .restarts = false};
-        QTest::newRow("several current threads") << World{.debugger = "echo '[Current thread is 12 (x)]'; " + good,
-            .report = "[Current thread is 12 (x)]\n" + current + "text to select is [Thread 12]"};
+        QTest::newRow("several current threads") << World{
+            .debugger = "echo '[Current thread is ?]'; echo '[Current thread is 12 (x)]'; " + good,
+            .report = "[Current thread is ?]\n[Current thread is 12 (x)]\n" + current + "text to select is [Thread 12]"};
         QTest::newRow("no current thread") << World{.debugger = "echo '[Current thread is unknown]'",
             .report = "[Current thread is unknown]\n"};
         QTest::newRow("the restart is disabled") << World{.inherited = u"restart disabled"_s,
