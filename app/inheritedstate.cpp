@@ -1,5 +1,7 @@
 #include "app/inheritedstate.h"
 
+#include <algorithm>
+#include <array>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -33,22 +35,27 @@ void setSignalAction(int number, void (*handler)(int))
     ::sigaction(number, &action, nullptr);
 }
 
-/// A signal that is caught is back at its default after execve(2), one that is ignored stays ignored. So what was
-/// ignored is caught to no effect: a user's nohup(1), for one, protects this program like the application.
+/// What a user, by nohup(1) for one, or a shell has ignored for the application, so that a hang-up, a key or the
+/// terminal's rules for background jobs do not end or stop it.
+constexpr std::array userSignals{SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGTSTP, SIGTTIN, SIGTTOU};
+
+/// Sets every signal to its default: an ignored one would stay ignored across execve(2), and with SIGCHLD ignored
+/// the kernel reaps a child itself and its exit code is lost (wait(2)). What must not end this program is caught
+/// to no effect, since a caught signal is back at its default after execve(2).
 void resetSignalActions()
 {
     const auto doNothing = [](int) {};
     for (int number = 1; number <= SIGRTMAX; ++number) {
         struct sigaction inherited = {};
         ::sigaction(number, nullptr, &inherited);
-        setSignalAction(number, inherited.sa_handler == SIG_IGN ? +doNothing : SIG_DFL);
+        const bool isUsers
+            = std::find(userSignals.begin(), userSignals.end(), number) != userSignals.end();
+        setSignalAction(number, isUsers && inherited.sa_handler == SIG_IGN ? +doNothing : SIG_DFL);
     }
     // A write is to fail where it would end this process: to a pipe without reader, and past the inherited
     // limit of a file's size.
     setSignalAction(SIGPIPE, doNothing);
     setSignalAction(SIGXFSZ, doNothing);
-    // Neither ignored, when the kernel reaps a child itself and its exit code is lost (wait(2)), nor caught.
-    setSignalAction(SIGCHLD, SIG_DFL);
 }
 
 /// The handler is started from a signal handler, where at least the crash's own signal is blocked. A blocked

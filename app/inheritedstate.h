@@ -3,8 +3,8 @@
 /// Puts right what a process that has just crashed leaves to its child. Afterwards
 ///
 /// - no signal is blocked, and none is ignored by the programs that are executed from here: the debugger and
-///   the restarted application. This program itself is not ended by what was ignored, nor by SIGPIPE and
-///   SIGXFSZ, and it learns the exit codes of its children;
+///   the restarted application. This program itself is not ended by a hang-up, a termination or a terminal's
+///   signal that was ignored, nor by SIGPIPE and SIGXFSZ, and it learns the exit codes of its children;
 /// - no inherited descriptor from 3 up is open, and the descriptors 0, 1 and 2 are, on /dev/null if they were closed;
 /// - no log line ends this program or makes it wait: not Qt's QT_FATAL_WARNINGS and QT_FATAL_CRITICALS, not a pipe
 ///   as standard error that nobody reads.
