@@ -22,6 +22,14 @@ void capture(QtMsgType type, const QMessageLogContext &context, const QString &m
         QStringList{QString::fromLatin1(context.category), levels.value(type), message}.join(u' '));
 }
 
+QStringList allDumps()
+{
+    const QString folder = QString::fromLatin1(dumpFolder);
+    return QDir(folder)
+        .entryList({u"*.dump"_s}, QDir::Files)
+        .replaceInStrings(QRegularExpression(u"^"_s), folder + u'/');
+}
+
 } // namespace
 
 LogCapture::LogCapture()
@@ -41,7 +49,7 @@ QStringList LogCapture::lines()
 }
 
 TestFolder::TestFolder()
-    : earlierDumps(dumps())
+    : earlierDumps(allDumps())
 {
     qputenv("PATH", QFile::encodeName(folder.path()) + ":/usr/bin:/bin");
     qunsetenv("TMPDIR");
@@ -51,10 +59,8 @@ TestFolder::~TestFolder()
 {
     qputenv("PATH", searchPath);
     qunsetenv("TMPDIR");
-    for (const QString &dump : dumps()) {
-        if (!earlierDumps.contains(dump))
-            QFile::remove(dump);
-    }
+    for (const QString &dump : dumps())
+        QFile::remove(dump);
     // A test may have put something else in its place; a folder is kept while somebody's dumps are in it.
     if (!QFile::remove(QLatin1StringView(dumpFolder)))
         QDir().rmdir(QLatin1StringView(dumpFolder));
@@ -63,6 +69,13 @@ TestFolder::~TestFolder()
 QString TestFolder::path(const QString &name) const
 {
     return name.isEmpty() ? folder.path() : folder.filePath(name);
+}
+
+QStringList TestFolder::dumps() const
+{
+    QStringList paths = allDumps();
+    paths.removeIf([this](const QString &path) { return earlierDumps.contains(path); });
+    return paths;
 }
 
 void TestFolder::writeDebugger(const QByteArray &body) const
@@ -88,14 +101,6 @@ void writeFile(const QString &path, const QByteArray &content)
     if (!file.open(QIODevice::WriteOnly | QIODevice::Unbuffered)
         || file.write(content) != content.size())
         qFatal("cannot write %s", qPrintable(path));
-}
-
-QStringList dumps()
-{
-    const QString folder = QString::fromLatin1(dumpFolder);
-    return QDir(folder)
-        .entryList({u"*.dump"_s}, QDir::Files)
-        .replaceInStrings(QRegularExpression(u"^"_s), folder + u'/');
 }
 
 QByteArray dumpHeader(const QByteArray &appName, const QByteArray &signalName)

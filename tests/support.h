@@ -25,6 +25,8 @@ public:
     ~TestFolder();
 
     [[nodiscard]] QString path(const QString &name = {}) const;
+    /// The paths of the dumps that have come since, the oldest first.
+    [[nodiscard]] QStringList dumps() const;
     /// Writes an executable stand-in for the debugger: a shell script, unless \a body begins with "#!".
     void writeDebugger(const QByteArray &body) const;
 
@@ -40,8 +42,6 @@ QString program(const QString &name);
 QByteArray contentOf(const QString &path);
 void writeFile(const QString &path, const QByteArray &content);
 
-/// The paths of all dumps, the oldest first.
-QStringList dumps();
 /// What every dump of this build and machine begins with.
 QByteArray dumpHeader(const QByteArray &appName, const QByteArray &signalName);
 

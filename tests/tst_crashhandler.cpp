@@ -42,7 +42,7 @@ private Q_SLOTS:
         QTRY_VERIFY(!contentOf(u"/proc/%1/cmdline"_s.arg(crashed.processId())).isEmpty());
         const LogCapture log;
         CrashHandler handler(crashed.processId(), u"mail"_s, u"11"_s, false);
-        const QString dump = dumps().constLast();
+        const QString dump = folder.dumps().constLast();
         const QByteArray header = contentOf(dump);
         if (collects) {
             handler.run();

@@ -136,7 +136,7 @@ private Q_SLOTS:
         QCOMPARE(process.exitCode(), 1);
         const QByteArray log = process.readAllStandardError();
         QVERIFY2(log.endsWith(message), log);
-        QCOMPARE(dumps(), QStringList());
+        QCOMPARE(folder.dumps(), QStringList());
     }
 
     void theWholeLogAndDumpOfARun()
@@ -146,9 +146,9 @@ private Q_SLOTS:
         Crash crash(folder.path());
         crash.process.setArguments({u"ü"_s});
         QCOMPARE(crash.run(), 0);
-        QCOMPARE(dumps().size(), 1);
+        QCOMPARE(folder.dumps().size(), 1);
         const QByteArray header = dumpHeader("mail", "SIGSEGV");
-        QCOMPARE(contentOf(dumps().constFirst()), header + current + marker);
+        QCOMPARE(contentOf(folder.dumps().constFirst()), header + current + marker);
 
         // What differs from run to run and from machine to machine.
         const QString log = QString::fromUtf8(crash.log).remove(
@@ -158,7 +158,7 @@ private Q_SLOTS:
         const QString expected
             = QString::fromUtf8(contentOf(QFINDTESTDATA("ordinary-run.log")))
                   .replace(u"@PID@"_s, pid)
-                  .replace(u"@STAMP@"_s, QFileInfo(dumps().constFirst()).completeBaseName())
+                  .replace(u"@STAMP@"_s, QFileInfo(folder.dumps().constFirst()).completeBaseName())
                   .replace(u"@PROBE@"_s, crash.process.program())
                   .replace(u"@HEADER_SIZE@"_s, QString::number(header.size()))
                   .replace(u"@ENVIRONMENT@"_s, variables);
@@ -241,13 +241,14 @@ private Q_SLOTS:
         } else {
             QVERIFY2(!crash.log.contains("Starting detached process"), crash.log);
         }
-        QCOMPARE(dumps().size(), world.report.isNull() ? 0 : 1);
+        QCOMPARE(folder.dumps().size(), world.report.isNull() ? 0 : 1);
         if (world.report.isNull())
             return;
         const QByteArray header
             = world.dumpFolder == u"full"_s ? QByteArray() : dumpHeader("mail", "SIGSEGV");
-        QVERIFY(contentOf(dumps().constFirst()) == header + world.report);
-        QCOMPARE(QFile::permissions(dumps().constFirst()) & ~(QFile::ReadUser | QFile::WriteUser),
+        QVERIFY(contentOf(folder.dumps().constFirst()) == header + world.report);
+        QCOMPARE(QFile::permissions(folder.dumps().constFirst())
+                     & ~(QFile::ReadUser | QFile::WriteUser),
                  QFile::ReadOwner | QFile::WriteOwner);
     }
 
@@ -311,7 +312,7 @@ private Q_SLOTS:
         crash.process.setArguments({u"-c"_s, crashes, QFINDTESTDATA("probe.sh")});
         QCOMPARE(crash.run(), 0);
         QByteArray reports;
-        for (const QString &dump : dumps())
+        for (const QString &dump : folder.dumps())
             reports += contentOf(dump);
         QCOMPARE(reports.count(dumpHeader("mail", "SIGSEGV")), 10);
         QCOMPARE(reports.count(current), 10);
@@ -355,8 +356,8 @@ private Q_SLOTS:
         QCOMPARE(sample.exitStatus(), QProcess::CrashExit);
         QCOMPARE(sample.exitCode(), signal);
 
-        QCOMPARE(dumps().size(), 1);
-        const QByteArray dump = contentOf(dumps().constFirst());
+        QCOMPARE(folder.dumps().size(), 1);
+        const QByteArray dump = contentOf(folder.dumps().constFirst());
         if (dump.contains("ptrace: Operation not permitted"))
             QSKIP("the system does not let gdb trace");
         for (const char *thread : {"sample-applicat", "mail-index", "mail-fetch", "mail-send"})
