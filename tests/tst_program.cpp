@@ -120,7 +120,6 @@ private Q_SLOTS:
         QTest::newRow("none") << QStringList() << "Invalid number of arguments: 0\n" + usageTwice;
         QTest::newRow("three") << QStringList{u"11"_s, u"mail"_s, u"x"_s}
                                << "Invalid number of arguments: 3\n" + usageTwice;
-        QTest::newRow("help") << QStringList(u"--help"_s) << QByteArray("Unknown option 'help'.\n");
         QTest::newRow("a flag with a value")
             << QStringList{u"--disable-restart=1"_s, u"11"_s, u"mail"_s}
             << QByteArray("Unexpected value after '--disable-restart'.\n");
