@@ -15,8 +15,9 @@ namespace {
 /// The debugger's answer to its "thread" command, which stands before the backtraces.
 const QString currentThreadPattern = uR"(\[Current thread is (\d+))"_s;
 
-/// What each match of the pattern begins with.
+/// What each match of the pattern begins with, and the most that can follow: the digits of a 64-bit number.
 constexpr QStringView currentThreadStart = u"[Current thread is ";
+constexpr qsizetype longestNumber = 20;
 
 /// Returns the number that the pattern's first match in \a backtrace captures, or nothing. The pattern is tried
 /// where it can match only: a match first validates all of its text, here up to hundreds of MiB.
@@ -25,10 +26,8 @@ QString firstCurrentThread(const QString &backtrace)
     const QRegularExpression expression(currentThreadPattern);
     qsizetype start = backtrace.indexOf(currentThreadStart);
     while (start != -1) {
-        const qsizetype lineEnd = backtrace.indexOf(u'\n', start);
-        const QString line
-            = backtrace.sliced(start, (lineEnd == -1 ? backtrace.size() : lineEnd) - start);
-        const QRegularExpressionMatch match = expression.match(line);
+        const QRegularExpressionMatch match
+            = expression.match(backtrace.mid(start, currentThreadStart.size() + longestNumber));
         if (match.hasMatch())
             return match.captured(1);
         start = backtrace.indexOf(currentThreadStart, start + 1);
