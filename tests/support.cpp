@@ -14,10 +14,8 @@ QtMessageHandler earlierHandler = nullptr;
 
 void capture(QtMsgType type, const QMessageLogContext &context, const QString &message)
 {
-    static const QHash<QtMsgType, QString> levels{{QtDebugMsg, u"debug"_s},
-                                                  {QtInfoMsg, u"info"_s},
-                                                  {QtWarningMsg, u"warning"_s},
-                                                  {QtCriticalMsg, u"critical"_s}};
+    // In the order of the enumeration.
+    static const QStringList levels{u"debug"_s, u"warning"_s, u"critical"_s, u"fatal"_s, u"info"_s};
     capturedLines.append(
         QStringList{QString::fromLatin1(context.category), levels.value(type), message}.join(u' '));
 }
