@@ -6,6 +6,10 @@
 # show what an ordinary user meets. Where the system refuses, the test uses the machine's /tmp, and skips what
 # could touch other people's files.
 
+# No core dump of a program that crashes on purpose is to stay behind. Debian's sh has the option:
+# shellcheck disable=SC3045
+ulimit -c 0
+
 if [ "$1" != --inside ]; then
     identity=
     [ "$(id -u)" -eq 0 ] || identity="--user --map-current-user --keep-caps"

@@ -37,11 +37,10 @@ private Q_SLOTS:
         static const QRegularExpression name(u"/\\d{8}_\\d{9}\\.dump$"_s);
         const QString used = QString(dump.dumpFilePath()).remove(name);
         QCOMPARE(used, usesTemporaryFolder ? folder.path() : directory);
-        QStringList complaints;
-        if (usesTemporaryFolder)
-            complaints
-                = logLines({u"critical Failed to create dump directory: \"%1\""_s.arg(directory),
-                            u"warning \"mkpath [%1] failed\""_s.arg(directory)});
+        const QStringList complaints
+            = logLines({u"critical Failed to create dump directory: \"%1\""_s.arg(directory),
+                        u"warning \"mkpath [%1] failed\""_s.arg(directory)})
+                  .first(usesTemporaryFolder ? 2 : 0);
         QCOMPARE(LogCapture::lines().first(complaints.size()), complaints);
         QCOMPARE(QFileInfo::exists(dump.dumpFilePath()), given != u"/file"_s);
         QCOMPARE(contentOf(folder.path(u"file"_s)), QByteArray("mine"));

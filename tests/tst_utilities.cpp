@@ -18,26 +18,20 @@ class UtilitiesTest : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void wholeFilesAreRead_data()
-    {
-        QTest::addColumn<QByteArray>("content");
-        QTest::addColumn<QByteArray>("asText");
-        QTest::newRow("empty") << QByteArray() << QByteArray();
-        QTest::newRow("any bytes")
-            << QByteArray("a\r\n\0\xfc\r\n", 7) << QByteArray("a\n\0\xfc\n", 5);
-    }
     void wholeFilesAreRead()
     {
-        QFETCH(const QByteArray, content);
         const TestFolder folder;
         const QString path = folder.path(u"file"_s);
+        writeFile(path, {});
+        QCOMPARE(readFile(path), QByteArray());
+        const QByteArray content("a\r\n\0\xfc\r\n", 7);
         writeFile(path, content);
+        QCOMPARE(readBinaryFile(path), content);
         const LogCapture log;
-        QTEST(readFile(path), "asText");
+        QCOMPARE(readFile(path), QByteArray("a\n\0\xfc\n", 5));
         QCOMPARE(LogCapture::lines(),
                  logLines({u"debug Reading file contents: \"%1\""_s.arg(path),
                            u"debug Successfully read file: \"%1\""_s.arg(path)}));
-        QCOMPARE(readBinaryFile(path), content);
     }
 
     void dataIsAppendedForItsOwnerAlone()
