@@ -9,10 +9,6 @@
 
 using namespace Qt::StringLiterals;
 
-namespace {
-constexpr uid_t nobody = 65534;
-}
-
 class UtilitiesTest : public QObject
 {
     Q_OBJECT
@@ -63,10 +59,8 @@ private Q_SLOTS:
         QTest::newRow("a symbolic link to nothing") << u"ln -s nothing file"_s << u"file"_s;
         QTest::newRow("a second name") << u"ln target file"_s << u"file"_s;
         QTest::newRow("a FIFO") << u"mkfifo file"_s << u"file"_s;
-        if (::geteuid() == 0)
+        if (::geteuid() == 0) // nobody else can make such a file
             QTest::newRow("somebody else's") << u"touch file; chown nobody file"_s << u"file"_s;
-        else if (::geteuid() != nobody) // who is everybody else in a user namespace
-            QTest::newRow("somebody else's") << u":"_s << u"../../dev/full"_s;
     }
     void whatMayNotBeWrittenToCannotBeOpened()
     {
@@ -87,11 +81,10 @@ private Q_SLOTS:
         QVERIFY(!QFileInfo::exists(folder.path(u"nothing"_s)));
     }
 
-    void aWriteThatReportsAnErrorFails()
+    void aDeviceIsWrittenTo()
     {
-        if (::geteuid() != 0)
-            QSKIP("/dev/full belongs to root");
         const LogCapture log;
+        QVERIFY(writeToFile(u"/dev/full"_s, "lost when the file is closed"));
         QVERIFY(!writeToFile(u"/dev/full"_s, QByteArray(1'000'000, 'x')));
         QCOMPARE(LogCapture::lines().last(1),
                  logLines({u"debug Wrote -1 bytes to file: \"/dev/full\""_s}));

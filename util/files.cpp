@@ -29,8 +29,8 @@ QByteArray readWholeFile(const QString &path, QIODevice::OpenMode mode)
     return file.readAll();
 }
 
-/// Opens \a path for reading and appending and creates it, if need be, readable and writable by its owner alone.
-/// Returns the descriptor, or -1. Neither follows a symbolic link nor waits for the other end of a FIFO.
+/// Opens the file at \a path for appending, or creates it for its owner alone. Returns the
+/// descriptor, or -1. Does not follow a symbolic link, and does not wait for the reader of a FIFO.
 int openPrivately(const QString &path)
 {
     constexpr int flags
@@ -39,23 +39,27 @@ int openPrivately(const QString &path)
     return ::open(QFile::encodeName(path).constData(), flags, S_IRUSR | S_IWUSR);
 }
 
-/// True when what was opened can only be meant for this user: it belongs to him, it has no second name, which
-/// somebody else can give to a file of his, and its reader is not somebody else's process.
-bool isOwnFile(int descriptor)
+/// True for a regular file that the user owns and that has a single name, and for a character
+/// device, which only root can create (mknod(2)). Anything else could have been planted there by
+/// another user.
+bool isTrustworthy(int descriptor)
 {
-    struct stat status;
-    return ::fstat(descriptor, &status) == 0 && status.st_uid == ::geteuid() && status.st_nlink <= 1
-        && !S_ISFIFO(status.st_mode);
+    struct stat status = {};
+    if (::fstat(descriptor, &status) == -1)
+        return false;
+    const bool isOwnFile
+        = S_ISREG(status.st_mode) && status.st_uid == ::geteuid() && status.st_nlink <= 1;
+    return isOwnFile || S_ISCHR(status.st_mode);
 }
 
-/// The reports lie in a folder that everybody knows, under names that everybody can foresee. So it is decided
-/// on the opened descriptor whether it may be written to: a path could be exchanged after it was checked.
+/// Other users know the folder of the dump files and can foresee their names. So the check is made
+/// on the opened descriptor: a path could be exchanged after its check.
 bool openForAppending(QFile &file, const QString &path)
 {
     const int descriptor = openPrivately(path);
     if (descriptor == -1)
         return false;
-    if (isOwnFile(descriptor)
+    if (isTrustworthy(descriptor)
         && file.open(descriptor, QIODevice::ReadWrite | QIODevice::Append | QIODevice::Text,
                      QFileDevice::AutoCloseHandle))
         return true;
