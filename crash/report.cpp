@@ -1,5 +1,5 @@
-// What the handler writes into the dump file. A write that fails is logged by the dump file and changes
-// nothing else: the rest of the report, and the application, must still come through.
+// What the handler writes into the dump file. The results of the writes are ignored: DumpFile logs
+// a failure, and the rest of the report and the application's restart must still take place.
 
 #include "crash/crashhandler.h"
 
@@ -12,25 +12,30 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-/// The debugger's answer to its "thread" command, which stands before the backtraces.
+/// The debugger's answer to its "thread" command, which it prints before the backtraces.
 const QString currentThreadPattern = uR"(\[Current thread is (\d+))"_s;
 
-/// What each match of the pattern begins with, and the most that can follow: the digits of a 64-bit number.
+/// What every match of the pattern begins with.
 constexpr QStringView currentThreadStart = u"[Current thread is ";
-constexpr qsizetype longestNumber = 20;
 
-/// Returns the number that the pattern's first match in \a backtrace captures, or nothing. The pattern is tried
-/// where it can match only: a match first validates all of its text, here up to hundreds of MiB.
+/// Returns the number that the first match of the pattern in \a backtrace captures, or an empty
+/// string.
+///
+/// A match starts with a validation of its whole subject, which can have hundreds of MiB here. So
+/// the pattern is matched only against the rest of a line that holds its start.
 QString firstCurrentThread(const QString &backtrace)
 {
     const QRegularExpression expression(currentThreadPattern);
     qsizetype start = backtrace.indexOf(currentThreadStart);
     while (start != -1) {
+        qsizetype end = backtrace.indexOf(u'\n', start);
+        if (end == -1)
+            end = backtrace.size();
         const QRegularExpressionMatch match
-            = expression.match(backtrace.mid(start, currentThreadStart.size() + longestNumber));
+            = expression.match(backtrace.sliced(start, end - start));
         if (match.hasMatch())
             return match.captured(1);
-        start = backtrace.indexOf(currentThreadStart, start + 1);
+        start = backtrace.indexOf(currentThreadStart, end);
     }
     return {};
 }
