@@ -9,16 +9,25 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-/// Output is neither paged nor wrapped; "thread" names the current thread, for the report's last line.
+// Height and width 0 switch paging and line wrapping off. "thread" prints the line that names the
+// current thread.
 constexpr char commandScript[] = "set height 0\n"
                                  "set width 0\n"
                                  "thread\n"
                                  "thread apply all backtrace full\n";
 constexpr qint64 commandScriptSize = sizeof commandScript - 1; // without the terminating NUL
 
-QString describedError(const QProcess &process)
+QString errorDescription(const QProcess &process)
 {
     return u"QProcess: "_s + process.errorString();
+}
+
+/// Creates the file on disk. Returns false when that fails.
+bool create(QTemporaryFile &file)
+{
+    // The owner must be able to read it, whatever the umask: gdb opens it by its name.
+    const OwnerUmask ownerUmask;
+    return file.open();
 }
 
 } // namespace
@@ -27,7 +36,8 @@ class BacktraceCollectorPrivate
 {
 public:
     bool errorOccurred = false;
-    // Declared before the process and so destroyed after it: a debugger never sees its commands vanish.
+    // Before the process, and so destroyed after it: the file must not vanish while a debugger may
+    // still read it.
     std::unique_ptr<QTemporaryFile> commandFile;
     QProcess process;
     QString output;
@@ -48,20 +58,21 @@ BacktraceCollector::BacktraceCollector(QObject *parent)
 BacktraceCollector::~BacktraceCollector()
 {
     qDebug() << "BacktraceCollector destructor called";
-    // QProcess's destructor kills and reaps a running debugger and signals its end. By then the slots'
-    // data is partly destroyed, and the owner may be as well.
+    // QProcess's destructor kills a running debugger and emits signals about its end. The slots
+    // must not run then: their data is being destroyed.
     disconnect(&d->process, nullptr, this, nullptr);
 }
 
 void BacktraceCollector::start(qint64 pid)
 {
     qInfo() << "Starting gdb process for backtrace collection";
-    // An earlier start() without a command file has silenced its debugger, which may still run.
+    // The signals of a debugger that has no commands are blocked (see createCommandFile()) as long
+    // as it runs.
     if (d->process.state() == QProcess::NotRunning)
         d->process.blockSignals(false);
     const QStringList arguments{
-        u"--nw"_s, // in the terminal
-        u"--nx"_s, // without anybody's start-up files
+        u"--nw"_s, // no graphical interface
+        u"--nx"_s, // no initialisation files
         u"--batch"_s, u"--command"_s, createCommandFile(), u"--pid"_s, QString::number(pid),
     };
     d->process.start(u"gdb"_s, arguments, QIODevice::ReadWrite);
@@ -80,28 +91,28 @@ bool BacktraceCollector::isRunning() const
 
 QString BacktraceCollector::createCommandFile()
 {
-    // The error below is this collection's final signal, so the debugger that is launched all the same must
-    // not be heard of any more: it would add its own output and ending to a report that is closed.
-    const auto fail = [this](const QString &errorMessage) {
-        d->process.blockSignals(true);
-        Q_EMIT error(errorMessage);
-        return QString();
-    };
-
-    // The debugger must be able to read it.
-    const OwnerUmask ownerUmask;
     d->commandFile = std::make_unique<QTemporaryFile>();
-    if (!d->commandFile->open()) {
+    if (!create(*d->commandFile)) {
         qCritical() << "Failed to create temporary command file";
-        return fail(u"Error: Could not create temporary command file."_s);
+        failWithoutCommands(u"Error: Could not create temporary command file."_s);
+        return {};
     }
     if (d->commandFile->write(commandScript, commandScriptSize) == -1) {
         qCritical() << "Failed to write to temporary command file";
-        return fail(u"Error: Could not write temporary command file."_s);
+        failWithoutCommands(u"Error: Could not write temporary command file."_s);
+        return {};
     }
-    // Closing flushes: the debugger reads the commands from disk.
+    // Closing writes the buffered commands to disk, where the debugger reads them.
     d->commandFile->close();
     return d->commandFile->fileName();
+}
+
+void BacktraceCollector::failWithoutCommands(const QString &errorMessage)
+{
+    // The debugger is launched all the same. Its output and its end must not reach the owner, whose
+    // report ends with this error.
+    d->process.blockSignals(true);
+    Q_EMIT error(errorMessage);
 }
 
 void BacktraceCollector::onDebuggerOutputAvailable()
@@ -114,12 +125,12 @@ void BacktraceCollector::onDebuggerOutputAvailable()
 
 void BacktraceCollector::onDebuggerFinished(int exitCode, QProcess::ExitStatus exitStatus)
 {
-    // A debugger that has crashed has reported that as an error before.
+    // A crash of the debugger is known from onDebuggerError().
     Q_UNUSED(exitStatus)
 
     if (d->errorOccurred) {
         qCritical() << "Debugger error occurred:" << d->process.errorString();
-        Q_EMIT error(describedError(d->process));
+        Q_EMIT error(errorDescription(d->process));
     } else if (exitCode == 0) {
         qInfo() << "Backtrace collection completed successfully";
         Q_EMIT backtrace(d->output);
@@ -133,7 +144,7 @@ void BacktraceCollector::onDebuggerError(QProcess::ProcessError err)
 {
     qCritical() << "Debugger process error:" << err;
     d->errorOccurred = true;
-    // Every other error is followed by the process's finish, which reports it to the owner.
+    // After every other error the process finishes, and onDebuggerFinished() reports the error.
     if (err == QProcess::FailedToStart)
-        Q_EMIT error(describedError(d->process));
+        Q_EMIT error(errorDescription(d->process));
 }
