@@ -5,7 +5,6 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <initializer_list>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -13,53 +12,49 @@
 
 namespace {
 
-/// The next file or pipe that is opened would otherwise become standard input, output or error: the log would
-/// be written into the report, or the debugger's output taken for ours.
+/// A descriptor that the application had closed would be given to the next file or pipe that is
+/// opened here. The log would then be written into the dump file, for example.
 void openStandardDescriptors()
 {
-    for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-        if (::fcntl(descriptor, F_GETFD) != -1)
-            continue;
-        // open(2) returns the lowest free descriptor, which is this one: those below it are open. Where there
-        // is no /dev, a folder takes the place, to which nothing can be written either.
-        if (::open("/dev/null", O_RDWR) == -1)
-            ::open("/", O_PATH);
-    }
+    // open(2) returns the lowest free descriptor. The last one, above these three, is closed with
+    // the inherited ones.
+    int descriptor = STDIN_FILENO;
+    while (descriptor != -1 && descriptor <= STDERR_FILENO)
+        descriptor = ::open("/dev/null", O_RDWR);
 }
 
 void setSignalAction(int number, void (*handler)(int))
 {
     struct sigaction action = {};
     action.sa_handler = handler;
-    // Refused, without harm, for SIGKILL and SIGSTOP and for the two signals that the C library keeps.
+    // Fails, without harm, for SIGKILL, SIGSTOP and the two signals that the C library keeps for
+    // itself.
     ::sigaction(number, &action, nullptr);
 }
 
-/// What a user, by nohup(1) for one, or a shell has ignored for the application, so that a hang-up, a key or the
-/// terminal's rules for background jobs do not end or stop it.
+/// The signals that nohup(1) and shells ignore on behalf of the user: a hang-up, the keys of the
+/// terminal and its rules for background jobs.
 constexpr std::array userSignals{SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGTSTP, SIGTTIN, SIGTTOU};
 
-/// Sets every signal to its default: an ignored one would stay ignored across execve(2), and with SIGCHLD ignored
-/// the kernel reaps a child itself and its exit code is lost (wait(2)). What must not end this program is caught
-/// to no effect, since a caught signal is back at its default after execve(2).
+/// An ignored signal stays ignored across execve(2), in the debugger and in the restarted
+/// application. There it is wanted for the user's signals only. With SIGCHLD ignored, the exit code
+/// of the debugger would be lost as well (wait(2)).
 void resetSignalActions()
 {
-    const auto doNothing = [](int) {};
     for (int number = 1; number <= SIGRTMAX; ++number) {
-        struct sigaction inherited = {};
-        ::sigaction(number, nullptr, &inherited);
-        const bool isUsers
-            = std::find(userSignals.begin(), userSignals.end(), number) != userSignals.end();
-        setSignalAction(number, isUsers && inherited.sa_handler == SIG_IGN ? +doNothing : SIG_DFL);
+        if (std::find(userSignals.begin(), userSignals.end(), number) == userSignals.end())
+            setSignalAction(number, SIG_DFL);
     }
-    // A write is to fail where it would end this process: to a pipe without reader, and past the inherited
-    // limit of a file's size.
+    // A write to a pipe without a reader, or beyond the limit of a file's size, must fail instead
+    // of ending this program. Unlike an ignored signal, a handled one returns to its default on
+    // execve(2).
+    const auto doNothing = [](int) {};
     setSignalAction(SIGPIPE, doNothing);
     setSignalAction(SIGXFSZ, doNothing);
 }
 
-/// The handler is started from a signal handler, where at least the crash's own signal is blocked. A blocked
-/// mask stays across execve(2), and a fault whose signal is blocked ends a process without its handler.
+/// A signal handler blocks at least its own signal, and a child keeps the signal mask across
+/// execve(2). A fault whose signal is blocked ends a process without calling its signal handler.
 void unblockSignals()
 {
     sigset_t none;
@@ -67,31 +62,35 @@ void unblockSignals()
     ::sigprocmask(SIG_SETMASK, &none, nullptr);
 }
 
-/// Qt would take the first warning, of a missing system file perhaps, for a reason to abort. The application gets
-/// its variables back with the rest of its environment.
+/// With these variables, Qt aborts at the first warning, for example about a missing system file.
+/// The restarted application gets them back with the rest of its environment.
 void outliveWarnings()
 {
     ::unsetenv("QT_FATAL_WARNINGS");
     ::unsetenv("QT_FATAL_CRITICALS");
 }
 
-/// The log may go into a pipe that somebody holds, but does not read: the crashed application itself, which shows
-/// its log in a window and is stopped. Rather than wait for him for ever, this program loses log lines.
+/// A full pipe as standard error would stop this program for ever if its reader is the crashed
+/// application itself, which waits for this program. Rather than wait, lose log lines.
 void keepLogFromWaiting()
 {
     struct stat status = {};
     if (::fstat(STDERR_FILENO, &status) == -1 || !S_ISFIFO(status.st_mode))
         return;
-    // Opened anew, because O_NONBLOCK belongs to the open pipe, which others share, and the restarted application
-    // is to have as it is. Without any reader this fails; then writing fails as well and does not wait.
+    // O_NONBLOCK belongs to the open pipe, which other processes share. So it is set on a pipe
+    // opened anew. Without any reader this open fails; writes to the inherited descriptor then fail
+    // at once as well.
     const int descriptor = ::open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_CLOEXEC);
     std::FILE *log = descriptor == -1 ? nullptr : ::fdopen(descriptor, "w");
     if (log == nullptr)
         return;
-    // The largest that an ordinary user may have (pipe(7)): a reader who is only slow misses nothing.
+    // The largest size that an ordinary user may set (pipe(7)). A reader that is only slow misses
+    // nothing.
     constexpr int pipeSize = 1024 * 1024;
     ::fcntl(descriptor, F_SETPIPE_SZ, pipeSize);
     std::setvbuf(log, nullptr, _IONBF, 0);
+    // Qt's message handler and this program's own messages write to this stream, not to the
+    // descriptor. gdb and the restarted application inherit the descriptor, unchanged.
     stderr = log;
 }
 
@@ -100,10 +99,11 @@ void keepLogFromWaiting()
 void resetInheritedState()
 {
     openStandardDescriptors();
-    // Sockets, locks and files of the application; they stay as they are in the crashed process itself.
+    // Sockets, locks and files of the application. The crashed process keeps its own.
     ::closefrom(STDERR_FILENO + 1);
     resetSignalActions();
-    // Only now: a signal that is already waiting to be delivered meets the actions that hold from here on.
+    // After the actions are set: a pending signal is delivered at once, and with its old action it
+    // could end this program.
     unblockSignals();
     outliveWarnings();
     keepLogFromWaiting();

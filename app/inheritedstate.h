@@ -1,17 +1,21 @@
 #pragma once
 
-/// Puts right what a process that has just crashed leaves to its child. Afterwards
+/// Resets the state that this process has inherited from the crashed one. Afterwards:
 ///
-/// - no signal is blocked, and none is ignored by the programs that are executed from here: the debugger and
-///   the restarted application. This program itself is not ended by a hang-up, a termination or a terminal's
-///   signal that was ignored, nor by SIGPIPE and SIGXFSZ, and it learns the exit codes of its children;
-/// - no inherited descriptor from 3 up is open, and the descriptors 0, 1 and 2 are, on /dev/null if they were closed;
-/// - no log line ends this program or makes it wait: not Qt's QT_FATAL_WARNINGS and QT_FATAL_CRITICALS, not a pipe
-///   as standard error that nobody reads.
+/// - No signal is blocked.
+/// - SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGTSTP, SIGTTIN and SIGTTOU are still ignored where they
+///   were (signal(7)). Every other signal has its default action in the programs that are executed
+///   from here: the debugger and the restarted application. SIGPIPE and SIGXFSZ do not end this
+///   program.
+/// - The descriptors 0, 1 and 2 are open, on /dev/null where they were closed. All others are
+///   closed.
+/// - No log line ends this program or makes it wait: QT_FATAL_WARNINGS and QT_FATAL_CRITICALS are
+///   unset, and log lines are dropped when standard error is a pipe that nobody reads.
 ///
-/// Everything else stays for the restarted application: umask, working directory, resource limits.
+/// The restarted application needs everything else as it was: umask, working directory and resource
+/// limits.
 ///
-/// To be called once, first thing in the entry function: before the first log line, which a dead reader of
-/// standard error would make fatal, and before any descriptor is opened. What the system refuses of it is left as
-/// it is. Logs nothing.
+/// Call it once, as the first statement of the entry function: a log line or an opened file before
+/// it would meet the inherited state. It does not block and logs nothing. System calls that fail
+/// are ignored: a crash is handled all the same.
 void resetInheritedState();
