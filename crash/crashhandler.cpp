@@ -8,8 +8,8 @@
 
 namespace {
 
-/// Ends the event loop, also when it has not been entered yet: a collection can fail while run() starts it,
-/// and QCoreApplication::quit() does nothing before the loop runs. A queued call waits for the loop.
+/// Ends the event loop even if it does not run yet: a collection can fail inside run(), before the
+/// loop, where QCoreApplication::quit() has no effect. A queued call waits for the loop.
 void quitEventLoop()
 {
     QMetaObject::invokeMethod(QCoreApplication::instance(), &QCoreApplication::quit,

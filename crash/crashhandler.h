@@ -8,25 +8,29 @@
 
 class CrashHandlerPrivate;
 
-/// Carries one crash from start to end: collects the backtrace of the crashed process into a dump file, then
-/// starts the application again and ends the event loop.
+/// Handles one crash from start to end: collects the backtrace of the crashed process into a dump
+/// file, starts the application again, and ends the event loop.
 ///
-/// The entry function constructs one on the main thread, calls run() once and enters the event loop
-/// QCoreApplication::exec(), which the handler ends with status 0 when the backtrace is complete or its
-/// collection has failed, even when that is known before the loop is entered. The handler is destroyed
-/// after the loop and before the application object; a debugger that still runs then is killed and reaped.
+/// The entry function constructs it on the main thread, calls run() once, and runs
+/// QCoreApplication::exec(). The handler ends that event loop with status 0 when the backtrace is
+/// complete or its collection has failed, even if that is known before the loop runs. The entry
+/// function destroys the handler after the loop and before the application object. A debugger that
+/// still runs then is killed.
 ///
-/// Steps are logged through logCrashHandler. No slot waits for the debugger or for the restarted application.
+/// Steps are logged through logCrashHandler, unless stated otherwise. No operation waits for the
+/// debugger or for the restarted application.
 class CrashHandler : public QObject
 {
     Q_OBJECT
 
 public:
-    /// \a pid is the crashed process; \a appName and \a signalName go into the report as they are. Before
-    /// this returns, the dump file has been started (what fails of it is logged by DumpFile, and changes
-    /// nothing else) and, unless \a restartDisabled, the process's command line and environment have been
-    /// copied from /proc/PID/cmdline and /proc/PID/environ (proc(5)). When there is no usable command line,
-    /// that is logged as a warning and nothing will be started.
+    /// \a pid is the crashed process. \a appName and \a signalName are written into the report
+    /// unchanged.
+    ///
+    /// Creates the dump file and writes its header; see DumpFile for failures. Then copies the
+    /// process's command line and environment from /proc/PID/cmdline and /proc/PID/environ
+    /// (proc(5)), unless \a restartDisabled. Without a usable command line, which is logged as a
+    /// warning, nothing is started later.
     CrashHandler(qint64 pid, const QString &appName, const QString &signalName,
                  bool restartDisabled, QObject *parent = nullptr);
     ~CrashHandler() override;
@@ -35,38 +39,45 @@ public Q_SLOTS:
     /// Starts the collection of the backtrace and returns.
     void run();
 
-    /// The collection has failed: logs \a errorMessage as critical through the default logger, writes it to
-    /// standard error, appends a hint and the text to the dump file, and ends the event loop. The
-    /// application is not restarted.
+    /// Reports that the collection has failed: logs \a errorMessage as critical through the default
+    /// logger, writes it to standard error, appends a hint and the text to the dump file, and ends
+    /// the event loop. The application is not started again.
     void onError(const QString &errorMessage);
 
     /// Appends \a chunk to the dump file, unchanged.
     void onBacktraceChunk(const QString &chunk);
 
-    /// The collection is complete and \a backtrace is its whole output, of which every chunk has been
-    /// appended before: appends the current-thread marker, starts the application again and ends the event
-    /// loop.
+    /// Reports that the collection is complete: appends the marker of the current thread to the
+    /// dump file, starts the application again, and ends the event loop. \a backtrace is the whole
+    /// output; its chunks have been appended before.
     void onBacktraceFinished(const QString &backtrace);
 
-    /// Starts the application, detached, once for each call, with
+    /// Starts the application, detached, each time it is called, with:
     ///
-    /// - the program and the arguments of the crashed process; a program named without a slash is looked for in
-    ///   PATH. Nothing is started without a command line;
-    /// - the variables of the crashed process laid over those of this one; entries without "=" are skipped;
+    /// - the program and the arguments of the crashed process. A program without a slash in its
+    ///   name is looked for in PATH, and its argument 0 becomes the path at which it was found
+    ///   (QProcess);
+    /// - the variables of the crashed process laid over those of this process. Entries without "="
+    ///   are skipped;
     /// - this process's working directory, umask, resource limits and standard streams.
     ///
-    /// Arguments and variables arrive byte for byte where they are valid UTF-8; where not, each byte arrives as
-    /// the UTF-8 of the Latin-1 character of its code. A program that cannot be started is not reported.
+    /// Arguments and variables that are valid UTF-8 arrive byte for byte. In all others, each byte
+    /// becomes the Latin-1 character of its code, encoded as UTF-8.
+    ///
+    /// Nothing is started without a command line. A program that cannot be started is not reported.
     void restartApplication();
 
-    /// Aborts a running collection, whose dump then ends in a note, and starts the application as
-    /// restartApplication() does, but with two arguments only: "-debug" and the crashed process's ID in decimal.
-    /// After an aborted collection nothing of this handler ends the event loop: that is up to the caller.
+    /// Aborts a running collection with a note in the dump file. Then starts the application like
+    /// restartApplication(), but with two arguments only: "-debug" and the decimal ID of the
+    /// crashed process.
+    ///
+    /// Does not end the event loop. After an aborted collection, the caller has to end it.
     void debugApplication();
 
 private:
+    /// See restartApplication() and debugApplication().
     static void startApplication(const QStringList &commandLine, const QStringList &environment);
-    /// Returns false, and logs a warning, when there is no usable command line.
+    /// Returns false, after a warning, when there is no usable command line.
     [[nodiscard]] bool collectRestartInfo();
     void reportError(const QString &errorMessage);
     void markCurrentThread(const QString &backtrace);

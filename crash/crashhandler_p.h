@@ -6,8 +6,10 @@
 #include <QString>
 #include <QStringList>
 
-/// The state of a CrashHandler. The order of the fields is the order of construction: the collector exists
-/// before the dump file is written, and outlives it.
+/// The state of a CrashHandler.
+///
+/// The order of the fields is the order of the log lines of their constructors and, reversed, of
+/// their destructors. The header is on disk before anything can be written behind it.
 class CrashHandlerPrivate
 {
 public:
@@ -20,8 +22,9 @@ public:
     const qint64 pid;
     BacktraceCollector collector;
     DumpFile dumpFile;
-    /// The program and its arguments, one Latin-1 character for each byte; empty when there is nothing to start.
+    /// The program and its arguments, each byte as a Latin-1 character. Empty when there is nothing
+    /// to start.
     QStringList restartCommandLine;
-    /// Whole entries, normally NAME=VALUE, one Latin-1 character for each byte.
+    /// Whole entries, normally NAME=VALUE, each byte as a Latin-1 character.
     QStringList restartEnvironment;
 };

@@ -250,7 +250,7 @@ private Q_SLOTS:
     {
         QTest::addColumn<QString>("command");
         QTest::newRow("by its path") << QFINDTESTDATA("probe.sh");
-        QTest::newRow("by its name, which is looked for on the search path") << u"sh"_s;
+        QTest::newRow("by its name, which becomes the path where it is found") << u"sh"_s;
     }
     void aChainOfCrashesNeverDrifts()
     {
@@ -277,7 +277,10 @@ private Q_SLOTS:
         crash.process.setArguments(arguments);
         QCOMPARE(crash.run(), 0);
         QTRY_VERIFY_WITH_TIMEOUT(QFileInfo::exists(crash.record(7)), patience);
-        QVERIFY(crash.recorded(7) == crash.recorded(0));
+        QByteArray expected = contentOf(crash.record(0));
+        if (command == u"sh"_s)
+            expected.replace(0, 2, QFile::encodeName(QStandardPaths::findExecutable(command)));
+        QVERIFY(contentOf(crash.record(7)) == expected);
         QVERIFY(contentOf(crash.record(0)).contains(QByteArray("\0\0a\r\nb\0\"quoted\"", 15)));
     }
 
