@@ -15,12 +15,12 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-/// The buffers that a piece of the debugger's output passes through are freed at once. By default the allocator
-/// gives them back to the system each time and has them cleared again, page by page, for the next piece: up to
-/// half of the time that a large backtrace takes.
+/// Each chunk of the debugger's output passes through a few large buffers. By default the allocator
+/// returns them to the system after each chunk, and the system clears their pages again for the
+/// next one. For a large backtrace that takes up to half of the time.
 void keepFreedBuffers()
 {
-    constexpr int largestBuffer = 1024 * 1024; // bytes; the whole output alone is larger
+    constexpr int largestBuffer = 1024 * 1024; // bytes; only the text of the whole output is larger
     constexpr int keptMemory = 4 * largestBuffer;
     mallopt(M_MMAP_THRESHOLD, largestBuffer);
     mallopt(M_TRIM_THRESHOLD, keptMemory);
@@ -33,7 +33,7 @@ void keepFreedBuffers()
         = u"This crash handler will be called by main program. Do not call this manually.\n"_s;
     qCritical() << usage;
     standardError << usage;
-    // exit() destroys no automatic object, the stream included.
+    // exit() does not destroy the stream, which would flush it.
     standardError.flush();
     std::exit(EXIT_FAILURE);
 }
@@ -47,6 +47,7 @@ int main(int argc, char *argv[])
     qInfo() << "Starting crash handler";
     const QCoreApplication application(argc, argv);
     qDebug() << "Setting application name";
+    // Begins the name of the debugger's command file.
     QCoreApplication::setApplicationName(u"Crash Handler"_s);
 
     QCommandLineParser parser;

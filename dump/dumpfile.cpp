@@ -14,12 +14,11 @@ namespace {
 const QString defaultDumpDirectory = u"/tmp/vastel-mail"_s;
 const QString dumpFileSuffix = u".dump"_s;
 
-/// Returns the folder that the file goes to: \a dumpDirectory, created if need be, or the system's temporary
-/// folder when it cannot be created.
+/// Returns a folder for the dump file. See the constructor of DumpFile.
 QString ensuredDirectory(const QString &dumpDirectory)
 {
     const QString directory = dumpDirectory.isEmpty() ? defaultDumpDirectory : dumpDirectory;
-    // A folder that its owner cannot enter would lose this report and all later ones.
+    // In a folder that its owner cannot enter, this report and all later ones would be lost.
     const OwnerUmask ownerUmask;
     if (QDir().exists(directory) || QDir().mkpath(directory))
         return directory;

@@ -7,38 +7,40 @@
 
 class DumpFilePrivate;
 
-/// The crash report on disk: one UTF-8 text file for each handled crash, made only by appending. Crashes in the same
-/// millisecond share one file, piece by piece.
+/// The report of one crash on disk: a UTF-8 text file that is only ever appended to.
 ///
-/// Construction fixes the file's path and writes the report's header; after that any number of texts are
-/// appended with writeMessage(). No file stays open between two writes, so a handler that is killed leaves
-/// behind everything that it was given. The file outlives the object: it is never read, truncated, renamed
-/// or deleted here.
+/// The constructor fixes the path and writes the header. After that, writeMessage() appends any
+/// number of texts. The file is open during a write only, so whatever ends this program, everything
+/// that was written is kept. This class never reads, truncates, renames or deletes the file.
+/// Crashes in the same millisecond share one file, in which their texts are mixed.
 ///
-/// The owner uses it on one thread. Every step is logged through logCrashHandler. A failed write is
-/// reported and otherwise ignored: the next one tries again from the start.
+/// The owner uses it on one thread. It blocks for file access only. Every step is logged through
+/// logCrashHandler. A failed write is logged and otherwise ignored: the next write opens the file
+/// again.
 class DumpFile : public QObject
 {
     Q_OBJECT
 
 public:
-    /// Chooses the path, creates its folder if need be, and writes the header, which creates the file.
+    /// Chooses the path, creates the folder if it is missing, and writes the header, which creates
+    /// the file.
     ///
-    /// \a appName and \a signalName go into the header as they are. \a dumpDirectory is the folder of the
-    /// file, "/tmp/vastel-mail" when it is empty; it is created with every missing parent and the process's
-    /// default permissions, of which the umask takes none from the owner. When that fails (logged as critical
-    /// and warning) the file is put into QDir::tempPath() instead, which is not tested. Anything that already
-    /// exists at the folder's path is taken as the folder. A header that cannot be written is logged and lost.
+    /// \a appName and \a signalName are written into the header unchanged. \a dumpDirectory is the
+    /// folder, "/tmp/vastel-mail" when it is empty. It is created together with its missing
+    /// parents, with the process's default permissions and all rights for its owner (see
+    /// OwnerUmask). When that fails, which is logged as critical and as warning, the file is put
+    /// into QDir::tempPath() instead, whether that exists or not. Anything that already exists at
+    /// the folder's path counts as the folder. A header that cannot be written is logged and lost.
     DumpFile(const QString &appName, const QString &signalName, const QString &dumpDirectory,
              QObject *parent = nullptr);
     ~DumpFile() override;
 
-    /// Appends \a message, encoded as UTF-8, with nothing before or after it. An empty one still creates a
-    /// missing file. Returns what writeToFile() returns, which also logs a failure.
+    /// Appends \a message, encoded as UTF-8, with nothing before or after it. An empty text still
+    /// creates a missing file. Returns what writeToFile() returns, which also logs a failure.
     bool writeMessage(const QString &message);
 
-    /// The full path chosen at construction: the folder, "/", the local time as
-    /// "yyyyMMdd_hhmmsszzz", ".dump"; for example "/tmp/vastel-mail/20260305_140709042.dump".
+    /// The full path: the folder, "/", currentTimestamp() at construction, ".dump". For example
+    /// "/tmp/vastel-mail/20260305_140709042.dump".
     [[nodiscard]] QString dumpFilePath() const;
 
 private:

@@ -1,5 +1,5 @@
-// What a report begins with: which application ended on which signal, what the reader is asked to do with
-// the report, and which build and machine it comes from.
+// The header of a report: which application ended on which signal, what the reader is asked to do
+// with the report, and which build and machine it comes from.
 
 #include "dump/dumpfile.h"
 
@@ -23,6 +23,8 @@ void DumpFile::writeHeaders(const QString &appName, const QString &signalName)
     headers.append(kernelVersionInfo());
     qCInfo(logCrashHandler) << "Writing headers to dump file";
 
-    // A report without its header is still worth having, so a failed write, logged below, changes nothing.
+    // Each element ends in a line feed here. Those that have one of their own, the build line and
+    // usually the two system texts, are followed by an empty line. The result is ignored: a report
+    // without its header is still worth having.
     writeMessage(headers.join(u'\n') + u'\n');
 }

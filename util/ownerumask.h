@@ -2,9 +2,11 @@
 
 #include <sys/stat.h>
 
-/// As long as it lives, files and folders are created with their owner's rights, whatever umask(2) the process has
-/// inherited; what the umask takes from others stays taken. The inherited umask, which the restarted application
-/// is to get, is back at its end. The umask belongs to the process: for programs of one thread.
+/// While it exists, files and folders are created with all of their owner's rights. What the
+/// inherited umask takes from the group and from others, it still takes. The destructor sets the
+/// inherited umask again, for the restarted application. See umask(2).
+///
+/// The umask belongs to the process: only for programs of one thread.
 class OwnerUmask
 {
 public:
