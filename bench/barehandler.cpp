@@ -1,5 +1,5 @@
-// The least that a Qt program can do to run the debugger: starts it with the arguments that are given and
-// ends when it does.
+// The smallest Qt program that runs the debugger: starts gdb with the given arguments and ends when gdb
+// ends.
 
 #include <QCoreApplication>
 #include <QProcess>

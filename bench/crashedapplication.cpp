@@ -1,10 +1,10 @@
-// Stands in for an application that has crashed: runs a command as its child and says what that took.
+// Stands in for a crashed application: runs a command as its child and prints what that cost.
 //
 // Usage: crashed-application THREADS COMMAND [ARGUMENT...]
 //   THREADS  how many threads wait, each 20 frames deep, while the command runs
 //
-// Prints one line: the seconds that went by, the seconds of processor time of the command and its own
-// children, and the largest resident set of any one of them in KiB.
+// Prints one line: elapsed seconds, seconds of processor time of the command and its children, and the
+// largest resident set of any of them in KiB.
 
 #include <chrono>
 #include <cstdio>
@@ -24,7 +24,7 @@ using Seconds = std::chrono::duration<double>;
 
 constexpr int framesOfThread = 20;
 
-int waitDeep(int depth, std::latch &threadsReady) // NOLINT(misc-no-recursion): makes the frames
+int waitDeep(int depth, std::latch &threadsReady) // NOLINT(misc-no-recursion): each call is a frame
 {
     const double ratio = depth / 3.0;
     const char *const folder = "inbox";
@@ -51,7 +51,7 @@ int main(int argc, char *argv[])
         std::thread([&] { waitDeep(1, threadsReady); }).detach();
     threadsReady.wait();
 
-    // Where the Yama security module is active, a descendant may not trace this process unasked.
+    // Where the Yama security module is active, a descendant needs permission to trace this process.
     prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY, 0, 0, 0);
 
     const auto start = std::chrono::steady_clock::now();
@@ -67,6 +67,6 @@ int main(int argc, char *argv[])
     std::printf("%.6f %.6f %ld\n", elapsed.count(),
                 (duration(usage.ru_utime) + duration(usage.ru_stime)).count(), usage.ru_maxrss);
     std::fflush(stdout);
-    // Without the destructors of what the waiting threads refer to.
+    // exit() would destroy objects that the waiting threads still use.
     _exit(status == 0 ? EXIT_SUCCESS : EXIT_FAILURE);
 }

@@ -1,5 +1,5 @@
-// Stands in for the debugger: whatever its arguments, it writes as many MiB of backtrace as the environment
-// variable BACKTRACE_MIB says, as fast as they are read, and succeeds.
+// Stands in for the debugger: ignores its arguments, writes as many MiB of backtrace as the environment
+// variable BACKTRACE_MIB says, and succeeds.
 
 #include <cstddef>
 #include <cstdlib>

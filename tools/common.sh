@@ -1,6 +1,7 @@
 # shellcheck shell=bash
-# What the scripts of this folder share. Each sources it first; it puts them into strict mode, into the root
-# of the repository, and gives them one way to show progress, to keep noise away and to install packages.
+# What the scripts in this folder share. Each sources it first. It switches strict mode on, changes to the
+# root of the repository, and defines how progress is shown, how output is kept in a log file and how
+# packages are installed.
 
 set -euo pipefail
 
@@ -11,25 +12,25 @@ log_file=$log_folder/$script_name.log
 mkdir -p "$log_folder"
 : > "$log_file"
 
-# Colour is for a person at a terminal, not for a file or a CI log.
+# Colours on a terminal only: they make files and CI logs unreadable.
 if [ -t 1 ] && [ -z "${NO_COLOR:-}" ]; then
     style_step=$'\e[1;34m' style_failure=$'\e[1;31m' style_end=$'\e[0m'
 else
     style_step='' style_failure='' style_end=''
 fi
 
-# step TEXT: tells in one line what is being done.
+# step TEXT: shows in one line what is done next.
 step() {
     printf '%s==>%s %s\n' "$style_step" "$style_end" "$1"
 }
 
-# fail TEXT...: says in one line each what is wrong, and ends the script.
+# fail TEXT...: shows what is wrong, a line for each TEXT, and ends the script.
 fail() {
     printf "${style_failure}$script_name:${style_end} %s\n" "$@" >&2
     exit 1
 }
 
-# quietly COMMAND...: runs it with its output in the log file, which a failure names and shows the end of.
+# quietly COMMAND...: runs it with its output in the log file. If it fails, shows the end of that file.
 quietly() {
     printf '\n$ %s\n' "$*" >> "$log_file"
     if ! "$@" < /dev/null >> "$log_file" 2>&1; then
@@ -48,11 +49,11 @@ missing_packages() {
     done
 }
 
-# ensure_packages NAME...: installs what is missing, as root or through sudo; where neither is possible, it
-# says what to run and ends the script.
+# ensure_packages NAME...: installs the missing ones, as root or through sudo. If neither is possible, says
+# what to run as root and ends the script.
 ensure_packages() {
     if ! command -v apt-get > /dev/null || ! command -v dpkg-query > /dev/null; then
-        fail "this system has no apt-get; install what these Debian packages hold, then build by hand: $*"
+        fail "this system has no apt-get; install the contents of these Debian packages, then build by hand: $*"
     fi
 
     local missing
@@ -65,7 +66,7 @@ ensure_packages() {
         if command -v sudo > /dev/null && { sudo -n true 2> /dev/null || [ -t 0 ]; }; then
             as_root=(sudo)
         else
-            fail "these packages are missing and need root to be installed; run as root:" \
+            fail "some packages are missing; run this as root:" \
                 "apt-get update && apt-get install -y --no-install-recommends ${missing[*]}"
         fi
     fi
@@ -75,7 +76,7 @@ ensure_packages() {
         -o DPkg::Lock::Timeout=120 install -y --no-install-recommends "${missing[@]}"
 }
 
-# build PRESET [TARGET...]: configures the preset and builds the targets, all without any.
+# build PRESET [TARGET...]: configures the preset and builds the targets, or everything if none is given.
 build() {
     local preset=$1
     shift
