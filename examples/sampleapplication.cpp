@@ -2,14 +2,16 @@
 // restarted by the crash handler, and ends normally when it has come back.
 //
 // Usage: sample-application HANDLER RECORD WAY [ARGUMENT...]
-//   HANDLER  path of the crash handler
+//   HANDLER  path of the crash handler; if it is refused, the crash is not reported
 //   RECORD   path of a file that does not exist yet: the first run writes there what it was started with,
 //            the second run compares, and leaves its own in RECORD.back
-//   WAY      null-pointer, abort, stack-overflow, second-thread or two-threads; each crashes after the
+//   WAY      null-pointer, abort, stack-overflow, second-thread or two-threads; or forked-child: before the
+//            null pointer, a child that is forked crashes, which is not reported. Each crashes after the
 //            minimum uptime, unless "early-" stands before it: then there is no restart
 
-#include "examples/crashreporting.h"
+#include <vastel-mail/crashreporting.h>
 
+#include <algorithm>
 #include <array>
 #include <barrier>
 #include <chrono>
@@ -26,12 +28,15 @@
 #include <thread>
 
 #include <pthread.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
 
 constexpr std::chrono::seconds minimumUptime{1};
 constexpr std::string_view earlyPrefix = "early-";
+constexpr std::array<std::string_view, 6> ways{"null-pointer",  "abort",       "stack-overflow",
+                                               "second-thread", "two-threads", "forked-child"};
 
 struct Message
 {
@@ -69,6 +74,16 @@ void runWorker(const char *name, const std::function<void()> &work)
         pause();
 }
 
+void crashForkedChild()
+{
+    const pid_t child = fork();
+    if (child == 0)
+        openMessage("outbox");
+    int status = 0;
+    if (waitpid(child, &status, 0) == child && WIFSIGNALED(status))
+        std::printf("the forked child was ended by signal %d\n", WTERMSIG(status));
+}
+
 /// Crashes in the given way on the main thread or on a worker; the other workers wait. Does not return.
 [[noreturn]] void crash(std::string_view way)
 {
@@ -88,7 +103,9 @@ void runWorker(const char *name, const std::function<void()> &work)
                        way == "two-threads" ? std::function<void()>(crashing) : idle);
     threadsReady.arrive_and_wait();
 
-    if (way == "null-pointer")
+    if (way == "forked-child")
+        crashForkedChild();
+    if (way == "null-pointer" || way == "forked-child")
         openMessage("inbox");
     else if (way == "abort")
         std::abort();
@@ -123,18 +140,24 @@ std::string startState()
 
 int main(int argc, char *argv[])
 {
-    if (argc < 4) {
-        std::cerr << "usage: sample-application HANDLER RECORD WAY [ARGUMENT...]\n";
+    std::string_view way = argc < 4 ? "" : argv[3];
+    const bool early = way.starts_with(earlyPrefix);
+    if (early)
+        way.remove_prefix(earlyPrefix.size());
+    if (std::find(ways.begin(), ways.end(), way) == ways.end()) {
+        std::cerr << "usage: sample-application HANDLER RECORD WAY [ARGUMENT...]\n"
+                     "with one of these as WAY, or early- and one of these:\n";
+        for (const std::string_view name : ways)
+            std::cerr << "  " << name << '\n';
         return EXIT_FAILURE;
     }
+
+    if (!crashreporting::install({.appName = "sample-application",
+                                  .handlerPath = argv[1],
+                                  .minimumUptime = minimumUptime}))
+        std::perror("sample-application: crashes will not be reported");
+
     const char *recordPath = argv[2];
-    std::string_view way = argv[3];
-
-    if (!crashreporting::install({argv[1], "sample-application", minimumUptime})) {
-        std::perror("sample-application: cannot handle crashes");
-        return EXIT_FAILURE;
-    }
-
     if (access(recordPath, F_OK) == 0) {
         std::ofstream(std::string(recordPath) + ".back", std::ios::binary) << startState();
         const bool same = contentOf(recordPath) == startState();
@@ -145,9 +168,7 @@ int main(int argc, char *argv[])
     }
     std::ofstream(recordPath, std::ios::binary) << startState();
 
-    if (way.starts_with(earlyPrefix))
-        way.remove_prefix(earlyPrefix.size());
-    else
+    if (!early)
         std::this_thread::sleep_for(minimumUptime);
     crash(way);
 }

@@ -2,25 +2,29 @@
 
 #include <chrono>
 
-// How an application starts the crash handler: the reference for integrators, free of any library but the
-// system's own. Copy this pair of files and adapt it.
-
+/// Starts the crash handler when the application crashes. docs/integration.md is the guide.
 namespace crashreporting {
 
 struct Settings
 {
-    /// Path of the crash handler program. This and the next text must outlive the process.
-    const char *handlerPath;
     /// The application's name as the report is to show it.
-    const char *appName;
+    const char *appName = nullptr;
+    /// The path of the crash handler; null stands for the one that was installed with this library.
+    const char *handlerPath = nullptr;
     /// An application that crashes earlier than this after install() is not started again: a crash at
     /// every start must not become an endless loop of crashes.
-    std::chrono::seconds minimumUptime;
+    std::chrono::seconds minimumUptime{10};
 };
 
 /// From here on SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP and SIGSYS start the crash handler; the
 /// process then ends by that signal. Call it once, on the main thread, first thing in main().
-/// Returns false, with errno set, when the system refuses a step; the application then runs unreported.
+///
+/// A forked child is not reported and ends by its signal alone, unless it calls install() itself.
+///
+/// Returns false, with errno set, when crashes cannot be reported; nothing is changed then. EINVAL: there is
+/// no name. ENAMETOOLONG: a text has PATH_MAX bytes or more. EACCES: the crash handler is not a file that
+/// this process may execute. All others are those of realpath(3), mmap(2) and pipe(2). The settings are
+/// copied.
 [[nodiscard]] bool install(const Settings &settings);
 
 /// Gives the calling thread a stack on which its stack overflow can be handled; install() does so for the

@@ -1,0 +1,11 @@
+# Run by CPack on the packages that it has made.
+
+# The parts of a package have modes that follow the builder's umask. Put together once more, they have fixed ones.
+foreach(package IN LISTS CPACK_PACKAGE_FILES)
+    set(parts debian-binary control.tar.gz data.tar.gz)
+    execute_process(COMMAND ar x ${package}
+        COMMAND_ERROR_IS_FATAL ANY WORKING_DIRECTORY ${CPACK_TEMPORARY_DIRECTORY})
+    file(REMOVE ${package})
+    execute_process(COMMAND ar rcDS ${package} ${parts}
+        COMMAND_ERROR_IS_FATAL ANY WORKING_DIRECTORY ${CPACK_TEMPORARY_DIRECTORY})
+endforeach()
