@@ -1,5 +1,9 @@
 # Run by CPack on the packages that it has made.
 
+if(NOT CPACK_GENERATOR STREQUAL "DEB")
+    return()
+endif()
+
 # The parts of a package have modes that follow the builder's umask. Put together once more, they have fixed ones.
 foreach(package IN LISTS CPACK_PACKAGE_FILES)
     set(parts debian-binary control.tar.gz data.tar.gz)

@@ -1,12 +1,16 @@
 # Run by CPack on the files that it is about to pack, to give them the form that Debian wants.
 
+if(NOT CPACK_GENERATOR STREQUAL "DEB")
+    return()
+endif()
+
 set(staged ${CPACK_TEMPORARY_INSTALL_DIRECTORY})
 
 function(run)
     execute_process(COMMAND ${ARGN} COMMAND_ERROR_IS_FATAL ANY)
 endfunction()
 
-# The date of Debian's change log, which has to be in the package, is that of the version in ours.
+# Debian's change log has an entry for each version that is packed. It takes its date from ours.
 set(change_log ${CMAKE_CURRENT_LIST_DIR}/../CHANGELOG.md)
 file(STRINGS ${change_log} latest LIMIT_COUNT 1 REGEX "^## [0-9]")
 if(NOT latest MATCHES "^## ${CPACK_PACKAGE_VERSION} - ([0-9-]+)$")
@@ -28,11 +32,13 @@ endforeach()
 file(GLOB_RECURSE texts ${staged}/*/changelog ${staged}/*/changelog.Debian ${staged}/*.8)
 run(gzip -9n ${texts})
 
-# CPack strips programs only, and not of the compiler's version. The library keeps the names by which it is linked.
+# CPack strips no libraries, and leaves the compiler's version in programs. A static library keeps its symbols, without
+# which nothing could link it.
 file(GLOB_RECURSE binaries ${staged}/*.a ${staged}/*/crash-handler)
 run(strip --strip-debug --remove-section=.comment --enable-deterministic-archives ${binaries})
 
-# Compilers for other architectures look here, one folder deeper than where a build folder for another prefix puts it.
+# With another prefix than /usr, CMake does not use Debian's folder for the architecture, in which alone pkg-config finds
+# this when it builds for another architecture. That is one folder deeper.
 set(libraries ${staged}/development/usr/lib)
 file(GLOB package_files ${libraries}/pkgconfig/*.pc)
 foreach(path IN LISTS package_files)

@@ -1,5 +1,5 @@
 # The program with its manual page, the component "runtime", and the Debian packages of both components, which
-# "cpack -G DEB" makes in the build folder.
+# cpack(1) makes in the build folder.
 
 # Not on the search path: the application starts it, nobody else does.
 install(TARGETS crash-handler
@@ -8,6 +8,7 @@ install(FILES ${PROJECT_SOURCE_DIR}/packaging/crash-handler.8
     DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT runtime)
 
 set(CPACK_PACKAGE_CONTACT "Vastel Mail maintainers <maintainers@vastel-mail.example>")
+set(CPACK_GENERATOR DEB)
 set(CPACK_STRIP_FILES ON)
 # Staged below DESTDIR, with the prefix that the packages have: the library is built for that.
 set(CPACK_SET_DESTDIR ON)
@@ -18,7 +19,7 @@ set(CPACK_POST_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/packaging/FinishPackages.cmak
 
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-# 0: not a revision of Debian's own.
+# Revisions of Debian's own packages begin at 1.
 set(CPACK_DEBIAN_PACKAGE_RELEASE 0vastel1)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 
