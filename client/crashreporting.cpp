@@ -60,8 +60,8 @@ Text appName;
 std::chrono::seconds minimumUptime;
 timespec installTime;
 /// Through this pipe the crashed process tells its child that the child may trace it. It is made beforehand,
-/// because a process that crashes may have used up its descriptors. execve(2) closes it, which leaves
-/// the crash handler the two descriptors.
+/// because a process that crashes may have used up its descriptors. execve(2) closes it, so that the crash
+/// handler has two to load its libraries with.
 std::array<int, 2> permissionPipe;
 
 const char *signalName(int number)
@@ -141,15 +141,16 @@ void reportCrash(int signalNumber)
     while (waitpid(child, nullptr, 0) == -1 && errno == EINTR) { }
 }
 
-/// Only async-signal-safe calls from here on (signal-safety(7)): the crash may have left any lock taken.
+/// The signal handler. It and what it calls are async-signal-safe (signal-safety(7)): the crash may have left any
+/// lock taken.
 void onCrash(int signalNumber)
 {
-    // The number tells a child of vfork(2), which shares this memory. The kernel clears the stored one in a
-    // forked child, which can have the same number in a PID namespace of its own.
+    // A child of vfork(2) shares this memory, but has another ID. A forked child can have the same ID, in a PID
+    // namespace of its own, but the kernel clears the stored one there.
     if (installedProcess->id == getpid())
         reportCrash(signalNumber);
 
-    // The signal is blocked until this function returns. Then it ends the process where that crashed.
+    // The signal is blocked until this function returns, and then ends the process where it crashed.
     setDefaultAction(signalNumber);
     raise(signalNumber);
 }
@@ -162,7 +163,7 @@ void *mapMemory(std::size_t size)
     return memory == MAP_FAILED ? nullptr : memory;
 }
 
-/// Returns the memory of the stack, which is now the calling thread's, or null.
+/// Sets a signal stack for the calling thread. Returns its memory, or null.
 void *setSignalStack()
 {
     void *const memory = mapMemory(signalStackSize);
@@ -232,7 +233,7 @@ bool install(const Settings &settings)
         return refuse(reason);
     }
 
-    // Nothing fails from here on. Kernels before 4.14 refuse this; the numbers still differ there.
+    // Nothing fails from here on. Kernels before 4.14 refuse this; there, the IDs alone tell a forked child.
     madvise(memory, sizeof(Process), MADV_WIPEONFORK);
     installedProcess = new (memory) Process{getpid(), false};
     handlerPath = path;
