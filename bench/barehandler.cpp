@@ -1,5 +1,5 @@
-// The smallest Qt program that runs the debugger: starts gdb with the given arguments and ends when gdb
-// ends.
+// The smallest Qt program that runs the debugger: starts gdb with the given arguments and ends when
+// gdb ends.
 
 #include <QCoreApplication>
 #include <QProcess>

@@ -27,7 +27,8 @@ struct CrashSignal
     const char *name;
 };
 
-/// The signals of signal(7) whose default action is to dump core and that a fault of the program raises.
+/// The signals of signal(7) whose default action is to dump core and that a fault of the program
+/// raises.
 constexpr std::array crashSignals{
     CrashSignal{SIGSEGV, "SIGSEGV"}, CrashSignal{SIGBUS, "SIGBUS"},
     CrashSignal{SIGFPE, "SIGFPE"},   CrashSignal{SIGILL, "SIGILL"},
@@ -35,7 +36,8 @@ constexpr std::array crashSignals{
     CrashSignal{SIGSYS, "SIGSYS"},
 };
 
-/// Enough for the signal frame with the largest register state there is and for the few calls below.
+/// Enough for the signal frame with the largest register state there is and for the few calls
+/// below.
 constexpr std::size_t signalStackSize = std::size_t{64} * 1024;
 
 /// The exit code by which a shell, too, reports a program that it cannot start.
@@ -59,9 +61,9 @@ Text handlerPath;
 Text appName;
 std::chrono::seconds minimumUptime;
 timespec installTime;
-/// Through this pipe the crashed process tells its child that the child may trace it. It is made beforehand,
-/// because a process that crashes may have used up its descriptors. execve(2) closes it, so that the crash
-/// handler has two to load its libraries with.
+/// Through this pipe the crashed process tells its child that the child may trace it. It is made
+/// beforehand, because a process that crashes may have used up its descriptors. execve(2) closes
+/// it, so that the crash handler has two to load its libraries with.
 std::array<int, 2> permissionPipe;
 
 const char *signalName(int number)
@@ -92,8 +94,9 @@ void setDefaultAction(int number)
 /// Runs in the child: becomes the crash handler once the parent may be traced.
 [[noreturn]] void becomeHandler(int signalNumber)
 {
-    // With its own copy closed, the child sees the end of the pipe if the parent is killed. It must end
-    // then: the crash handler takes its parent for the crashed process, and that would be a stranger.
+    // With its own copy closed, the child sees the end of the pipe if the parent is killed. It must
+    // end then: the crash handler takes its parent for the crashed process, and that would be a
+    // stranger.
     close(permissionPipe[1]);
     char permission;
     ssize_t count;
@@ -114,9 +117,10 @@ void setDefaultAction(int number)
 /// Starts the crash handler and waits for its end.
 void reportCrash(int signalNumber)
 {
-    // The first crash is the one to report. A second thread that crashes meanwhile waits, so that the report
-    // shows it where it stands, until the first one ends the process. The same thread cannot come here
-    // twice: all signals are blocked, and the kernel ends a process that faults with its signal blocked.
+    // The first crash is the one to report. A second thread that crashes meanwhile waits, so that
+    // the report shows it where it stands, until the first one ends the process. The same thread
+    // cannot come here twice: all signals are blocked, and the kernel ends a process that faults
+    // with its signal blocked.
     if (installedProcess->isCrashing.exchange(true)) {
         for (;;)
             pause();
@@ -132,7 +136,8 @@ void reportCrash(int signalNumber)
     if (child == -1)
         return;
 
-    // For the Yama security module, which by itself lets only ancestors trace. Elsewhere the call fails.
+    // For the Yama security module, which by itself lets only ancestors trace. Elsewhere the call
+    // fails.
     prctl(PR_SET_PTRACER, child, 0, 0, 0);
     const char permission = 1;
     // An empty pipe takes a byte without fail.
@@ -141,16 +146,17 @@ void reportCrash(int signalNumber)
     while (waitpid(child, nullptr, 0) == -1 && errno == EINTR) { }
 }
 
-/// The signal handler. It and what it calls are async-signal-safe (signal-safety(7)): the crash may have left any
-/// lock taken.
+/// The signal handler. It and what it calls are async-signal-safe (signal-safety(7)): the crash may
+/// have left any lock taken.
 void onCrash(int signalNumber)
 {
-    // A child of vfork(2) shares this memory, but has another ID. A forked child can have the same ID, in a PID
-    // namespace of its own, but the kernel clears the stored one there.
+    // A child of vfork(2) shares this memory, but has another ID. A forked child can have the same
+    // ID, in a PID namespace of its own, but the kernel clears the stored one there.
     if (installedProcess->id == getpid())
         reportCrash(signalNumber);
 
-    // The signal is blocked until this function returns, and then ends the process where it crashed.
+    // The signal is blocked until this function returns, and then ends the process where it
+    // crashed.
     setDefaultAction(signalNumber);
     raise(signalNumber);
 }
@@ -182,7 +188,8 @@ bool refuse(int reason)
     return false;
 }
 
-/// Sets \a found to the absolute path of the program \a path, which a later chdir(2) does not change.
+/// Sets \a found to the absolute path of the program \a path, which a later chdir(2) does not
+/// change.
 bool findProgram(const char *path, Text &found)
 {
     struct stat status;
@@ -233,7 +240,8 @@ bool install(const Settings &settings)
         return refuse(reason);
     }
 
-    // Nothing fails from here on. Kernels before 4.14 refuse this; there, the IDs alone tell a forked child.
+    // Nothing fails from here on. Kernels before 4.14 refuse this; there, the IDs alone tell a
+    // forked child.
     madvise(memory, sizeof(Process), MADV_WIPEONFORK);
     installedProcess = new (memory) Process{getpid(), false};
     handlerPath = path;

@@ -11,24 +11,25 @@ struct Settings
     const char *appName = nullptr;
     /// The path of the crash handler; null stands for the one that was installed with this library.
     const char *handlerPath = nullptr;
-    /// An application that crashes earlier than this after install() is not started again: a crash at
-    /// every start must not become an endless loop of crashes.
+    /// An application that crashes earlier than this after install() is not started again: a crash
+    /// at every start must not become an endless loop of crashes.
     std::chrono::seconds minimumUptime{10};
 };
 
-/// From here on SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP and SIGSYS start the crash handler; the
-/// process then ends by that signal. Call it once, on the main thread, first thing in main().
+/// From here on SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP and SIGSYS start the crash
+/// handler; the process then ends by that signal. Call it once, on the main thread, first thing in
+/// main().
 ///
 /// A forked child is not reported and ends by its signal alone, unless it calls install() itself.
 ///
-/// Returns false, with errno set, when crashes cannot be reported; nothing is changed then. EINVAL: there is
-/// no name. ENAMETOOLONG: a text has PATH_MAX bytes or more. EACCES: the crash handler is not a file that
-/// this process may execute. All others are those of realpath(3), mmap(2) and pipe(2). The settings are
-/// copied.
+/// Returns false, with errno set, when crashes cannot be reported; nothing is changed then. EINVAL:
+/// there is no name. ENAMETOOLONG: a text has PATH_MAX bytes or more. EACCES: the crash handler is
+/// not a file that this process may execute. All others are those of realpath(3), mmap(2) and
+/// pipe(2). The settings are copied.
 [[nodiscard]] bool install(const Settings &settings);
 
-/// Gives the calling thread a stack on which its stack overflow can be handled; install() does so for the
-/// main thread. Let every further thread hold one from its first statement to its last.
+/// Gives the calling thread a stack on which its stack overflow can be handled; install() does so
+/// for the main thread. Let every further thread hold one from its first statement to its last.
 class AlternateSignalStack
 {
 public:
