@@ -11,6 +11,7 @@
 #include <new>
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -36,10 +37,6 @@ constexpr std::array crashSignals{
     CrashSignal{SIGSYS, "SIGSYS"},
 };
 
-/// Enough for the signal frame with the largest register state there is and for the few calls
-/// below.
-constexpr std::size_t signalStackSize = std::size_t{64} * 1024;
-
 /// The exit code by which a shell, too, reports a program that it cannot start.
 constexpr int commandNotFound = 127;
 
@@ -50,10 +47,13 @@ using Text = std::array<char, PATH_MAX>;
 struct Process
 {
     pid_t id;
-    std::atomic<bool> isCrashing;
+    std::atomic<pid_t> crashedThread; // 0 before a crash
 };
-static_assert(std::atomic<bool>::is_always_lock_free,
+static_assert(std::atomic<pid_t>::is_always_lock_free,
               "the signal handler must not wait for a lock");
+
+/// Permits the child to go on. Any signal serves: the child has all of them blocked.
+constexpr int permission = SIGUSR1;
 
 // Everything that the signal handler reads is set before it is installed.
 Process *installedProcess;
@@ -61,11 +61,6 @@ Text handlerPath;
 Text appName;
 std::chrono::seconds minimumUptime;
 timespec installTime;
-/// Through this pipe the crashed process tells its child that the child may trace it. It is made
-/// beforehand, because a process that crashes may have used up its descriptors. execve(2) closes
-/// it, so that the crash handler has two to load its libraries with.
-std::array<int, 2> permissionPipe;
-
 const char *signalName(int number)
 {
     for (const CrashSignal &signal : crashSignals) {
@@ -91,58 +86,70 @@ void setDefaultAction(int number)
     sigaction(number, &action, nullptr);
 }
 
-/// Runs in the child: becomes the crash handler once the parent may be traced.
-[[noreturn]] void becomeHandler(int signalNumber)
+/// Runs in the child: waits until it may trace its parent. Ends if the parent is killed: the crash
+/// handler takes its parent for the crashed process, and would then trace a stranger.
+void waitForPermission(pid_t parent)
 {
-    // With its own copy closed, the child sees the end of the pipe if the parent is killed. It must
-    // end then: the crash handler takes its parent for the crashed process, and that would be a
-    // stranger.
-    close(permissionPipe[1]);
-    char permission;
-    ssize_t count;
-    do {
-        count = read(permissionPipe[0], &permission, sizeof permission);
-    } while (count == -1 && errno == EINTR);
-    if (count != sizeof permission)
+    prctl(PR_SET_PDEATHSIG, SIGKILL, 0, 0, 0);
+    if (getppid() != parent)
         _exit(EXIT_FAILURE);
+    sigset_t permissions;
+    sigemptyset(&permissions);
+    sigaddset(&permissions, permission);
+    siginfo_t info;
+    while (sigwaitinfo(&permissions, &info) == -1 || info.si_pid != parent) { }
+    // It would stay set across execve(2), and a crash handler goes on when its parent is killed.
+    prctl(PR_SET_PDEATHSIG, 0, 0, 0, 0);
+}
 
+/// Runs in the child.
+[[noreturn]] void becomeHandler(pid_t parent, int signalNumber)
+{
+    waitForPermission(parent);
+    // The crash handler needs descriptors to load its libraries, and the application may have used
+    // up all of them.
+    closefrom(STDERR_FILENO + 1);
     const char *restart = diedTooEarly() ? "--disable-restart" : nullptr;
     const char *const arguments[]
         = {handlerPath.data(), signalName(signalNumber), appName.data(), restart, nullptr};
     // execv(3) takes pointers to non-const for historical reasons only.
-    execv(handlerPath.data(), const_cast<char *const *>(arguments));
+    char *const *const vector = const_cast<char *const *>(arguments);
+    execv(handlerPath.data(), vector);
+    // The crash may have damaged the environment, which the restart does not need: it is read from
+    // /proc/PID/environ.
+    char *const noVariables[] = {nullptr};
+    execve(handlerPath.data(), vector, noVariables);
     _exit(commandNotFound);
 }
 
 /// Starts the crash handler and waits for its end.
 void reportCrash(int signalNumber)
 {
-    // The first crash is the one to report. A second thread that crashes meanwhile waits, so that
-    // the report shows it where it stands, until the first one ends the process. The same thread
-    // cannot come here twice: all signals are blocked, and the kernel ends a process that faults
-    // with its signal blocked.
-    if (installedProcess->isCrashing.exchange(true)) {
-        for (;;)
+    // The first crash is the one to report. A thread that crashes later waits, so that the report
+    // shows it where it stands, until the first one ends the process. The first one itself comes
+    // here again when its signal has not ended the process: abort(3) then raises another one.
+    pid_t crashedThread = 0;
+    if (!installedProcess->crashedThread.compare_exchange_strong(crashedThread, gettid())) {
+        while (crashedThread != gettid())
             pause();
+        return;
     }
 
     // If it is ignored, the child's end cannot be waited for.
     setDefaultAction(SIGCHLD);
 
     // fork(3) would run the handlers of pthread_atfork(3) and take the allocator's lock.
+    const pid_t parent = getpid();
     const pid_t child = _Fork();
     if (child == 0)
-        becomeHandler(signalNumber);
+        becomeHandler(parent, signalNumber);
     if (child == -1)
         return;
 
     // For the Yama security module, which by itself lets only ancestors trace. Elsewhere the call
     // fails.
     prctl(PR_SET_PTRACER, child, 0, 0, 0);
-    const char permission = 1;
-    // An empty pipe takes a byte without fail.
-    [[maybe_unused]] const ssize_t written
-        = write(permissionPipe[1], &permission, sizeof permission);
+    kill(child, permission);
     while (waitpid(child, nullptr, 0) == -1 && errno == EINTR) { }
 }
 
@@ -150,6 +157,11 @@ void reportCrash(int signalNumber)
 /// have left any lock taken.
 void onCrash(int signalNumber)
 {
+    // A thread that is cancelled in waitpid(2) or pause(2) would leave this function, and the
+    // process would live on.
+    int earlierState;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &earlierState);
+
     // A child of vfork(2) shares this memory, but has another ID. A forked child can have the same
     // ID, in a PID namespace of its own, but the kernel clears the stored one there.
     if (installedProcess->id == getpid())
@@ -169,17 +181,10 @@ void *mapMemory(std::size_t size)
     return memory == MAP_FAILED ? nullptr : memory;
 }
 
-/// Sets a signal stack for the calling thread. Returns its memory, or null.
-void *setSignalStack()
+/// Enough for the signal frame with all registers of this processor, and for the few calls above.
+std::size_t signalStackSize()
 {
-    void *const memory = mapMemory(signalStackSize);
-    if (memory == nullptr)
-        return nullptr; // without one, only a stack overflow of this thread goes unreported
-    stack_t stack = {};
-    stack.ss_sp = memory;
-    stack.ss_size = signalStackSize;
-    sigaltstack(&stack, nullptr);
-    return memory;
+    return std::size_t{64} * 1024 + static_cast<std::size_t>(sysconf(_SC_MINSIGSTKSZ));
 }
 
 bool refuse(int reason)
@@ -204,23 +209,28 @@ bool findProgram(const char *path, Text &found)
 } // namespace
 
 AlternateSignalStack::AlternateSignalStack()
-    : memory(setSignalStack())
+    : memory(mapMemory(signalStackSize()))
 {
+    if (memory == nullptr)
+        return; // without one, only a stack overflow of this thread goes unreported
+    stack_t stack = {};
+    stack.ss_sp = memory;
+    stack.ss_size = signalStackSize();
+    sigaltstack(&stack, &earlierStack);
 }
 
 AlternateSignalStack::~AlternateSignalStack()
 {
     if (memory == nullptr)
         return;
-    stack_t stack = {};
-    stack.ss_flags = SS_DISABLE;
-    sigaltstack(&stack, nullptr);
-    munmap(memory, signalStackSize);
+    sigaltstack(&earlierStack, nullptr);
+    munmap(memory, signalStackSize());
 }
 
 bool install(const Settings &settings)
 {
-    if (settings.appName == nullptr)
+    // The crash handler would take a name with a hyphen in front for an option.
+    if (settings.appName == nullptr || settings.appName[0] == '-')
         return refuse(EINVAL);
     const std::size_t appNameSize = std::strlen(settings.appName) + 1;
     if (appNameSize > appName.size())
@@ -233,33 +243,33 @@ bool install(const Settings &settings)
     void *const memory = mapMemory(sizeof(Process));
     if (memory == nullptr)
         return false;
-    std::array<int, 2> newPipe;
-    if (pipe2(newPipe.data(), O_CLOEXEC) == -1) {
-        const int reason = errno;
-        munmap(memory, sizeof(Process));
-        return refuse(reason);
-    }
 
     // Nothing fails from here on. Kernels before 4.14 refuse this; there, the IDs alone tell a
     // forked child.
     madvise(memory, sizeof(Process), MADV_WIPEONFORK);
-    installedProcess = new (memory) Process{getpid(), false};
+    installedProcess = new (memory) Process{getpid(), 0};
     handlerPath = path;
     std::memcpy(appName.data(), settings.appName, appNameSize);
     minimumUptime = settings.minimumUptime;
     clock_gettime(CLOCK_MONOTONIC, &installTime);
-    permissionPipe = newPipe;
 
     // Kept until the process ends: the main thread can crash at any moment up to then.
-    setSignalStack();
+    alignas(AlternateSignalStack) static std::byte mainThreadStack[sizeof(AlternateSignalStack)];
+    new (mainThreadStack) AlternateSignalStack;
 
     struct sigaction action = {};
     action.sa_handler = onCrash;
     action.sa_flags = SA_ONSTACK;
     // Nothing else of the application is to run on the crashed thread any more.
     sigfillset(&action.sa_mask);
-    for (const CrashSignal &signal : crashSignals)
+    // A fault whose signal is blocked would end the process unreported.
+    sigset_t unblocked;
+    sigemptyset(&unblocked);
+    for (const CrashSignal &signal : crashSignals) {
         sigaction(signal.number, &action, nullptr);
+        sigaddset(&unblocked, signal.number);
+    }
+    pthread_sigmask(SIG_UNBLOCK, &unblocked, nullptr);
     return true;
 }
 

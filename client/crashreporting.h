@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <csignal>
 
 /// Starts the crash handler when the application crashes. docs/integration.md is the guide.
 namespace crashreporting {
@@ -23,9 +24,9 @@ struct Settings
 /// A forked child is not reported and ends by its signal alone, unless it calls install() itself.
 ///
 /// Returns false, with errno set, when crashes cannot be reported; nothing is changed then. EINVAL:
-/// there is no name. ENAMETOOLONG: a text has PATH_MAX bytes or more. EACCES: the crash handler is
-/// not a file that this process may execute. All others are those of realpath(3), mmap(2) and
-/// pipe(2). The settings are copied.
+/// there is no name, or it begins with a hyphen. ENAMETOOLONG: a text has PATH_MAX bytes or more.
+/// EACCES: the crash handler is not a file that this process may execute. All others are those of
+/// realpath(3) and mmap(2). The settings are copied.
 [[nodiscard]] bool install(const Settings &settings);
 
 /// Gives the calling thread a stack on which its stack overflow can be handled; install() does so
@@ -40,6 +41,7 @@ public:
 
 private:
     void *memory;
+    stack_t earlierStack;
 };
 
 } // namespace crashreporting
