@@ -1,43 +1,32 @@
 #!/bin/sh
-# Runs a test in a /tmp of its own, which vanishes with it: there the folder of the dumps can be anything, and
-# nobody's dumps are in it. Usage: private-tmp.sh SOURCE_FOLDER BUILD_FOLDER TEST [ARGUMENT...]
+# Runs a test in a /tmp of its own, where the folder of the dump files can be anything.
+# Usage: private-tmp.sh SOURCE_FOLDER BUILD_FOLDER TEST [ARGUMENT...]
 #
-# As an ordinary user this needs user namespaces. Everybody stays who he is in there, because the tests are to
-# show what an ordinary user meets. Where the system refuses, the test uses the machine's /tmp, and skips what
-# could touch other people's files.
+# An ordinary user needs a user namespace for that, and stays the same user in it. Where the system
+# refuses, the test has the machine's /tmp, and skips what could touch other people's files.
 
-# No core dump of a program that crashes on purpose is to stay behind. Debian's sh has the option:
+# Programs that crash on purpose must not leave core dumps. Debian's sh has the option:
 # shellcheck disable=SC3045
 ulimit -c 0
-
 if [ "$1" != --inside ]; then
-    identity=
-    [ "$(id -u)" -eq 0 ] || identity="--user --map-current-user --keep-caps"
+    # --keep-caps: otherwise the exec below loses the capability to mount.
+    [ "$(id -u)" -eq 0 ] && own= || own="--user --map-current-user --keep-caps"
     # shellcheck disable=SC2086 # several words
-    if unshare $identity --mount true 2> /dev/null; then
-        exec unshare $identity --mount "$0" --inside "$@"
-    fi
+    ! unshare $own --mount true 2> /dev/null || exec unshare $own --mount "$0" --inside "$@"
     echo "No /tmp of its own for this test: unshare(1) is refused." >&2
     shift 2
     exec "$@"
 fi
 
-source=$2
-build=$3
-shift 3
 set -e
-
-# What lies in /tmp itself must stay reachable under its path.
-exec 8< "$source" 9< "$build"
+# Folders below /tmp must stay where they are. The new /tmp hides them, but not their descriptors.
+exec 8< "$2" 9< "$3"
 mount -t tmpfs -o mode=1777 tmpfs /tmp
-case $source in /tmp/*) mkdir -p "$source" && mount -c --bind /proc/self/fd/8 "$source" ;; esac
-case $build in /tmp/*) mkdir -p "$build" && mount -c --bind /proc/self/fd/9 "$build" ;; esac
-
-# Folders for the dumps that only a mount can make.
-mkdir /tmp/read-only /tmp/full
-mount -t tmpfs -o ro tmpfs /tmp/read-only
+case $2 in /tmp/*) mkdir -p "$2" && mount -c --bind /proc/self/fd/8 "$2" ;; esac
+case $3 in /tmp/*) mkdir -p "$3" && mount -c --bind /proc/self/fd/9 "$3" ;; esac
+mkdir /tmp/full # only a mount can make a folder without space
 mount -t tmpfs -o size=4k,mode=1777 tmpfs /tmp/full
-
-# The descriptors and the capabilities that this has taken are not the test's.
-[ "$(id -u)" -eq 0 ] || exec setpriv --inh-caps=-all --ambient-caps=-all "$@" 8<&- 9<&-
+shift 3
+# The test must not have the capabilities that were kept for the mounts.
+[ "$(id -u)" -eq 0 ] || set -- setpriv --inh-caps=-all --ambient-caps=-all "$@"
 exec "$@" 8<&- 9<&-

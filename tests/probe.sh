@@ -1,55 +1,26 @@
 #!/bin/sh
-# The crashed application of the tests: writes down what it was started with, starts the handler as its child,
-# waits for it and ends with its exit status. Its arguments are what the tests compare, so what it is to do
-# comes in the environment:
-#   PROBE_FOLDER   where it writes run-0, run-1, ... at each start
-#   PROBE_RUNS     how often it runs; the last run only ends
-#   PROBE_HANDLER  the handler's path
-#   PROBE_STATE    what the handler inherits
-
-[ "$PROBE_STATE" != "umask without the owner's rights" ] || umask 0177
+# The application of the scenarios: records what it was started with, starts the crash handler and ends
+# with its exit status. Its arguments are part of the record, so variables say what it does:
+#   PROBE_FOLDER   where it records its runs: run-0, run-1, ...
+#   PROBE_RUNS     how often it runs; the last run does not crash
+#   PROBE_CRASH    how it starts the crash handler PROBE_HANDLER, whose command line is "$@"
 
 run=0
 while [ -e "$PROBE_FOLDER/run-$run" ]; do run=$((run + 1)); done
-
-# As long as it is written, the record has another name.
+cat "/proc/$$/cmdline" > "$PROBE_FOLDER/cmdline-$run"
+cat "/proc/$$/environ" > "$PROBE_FOLDER/environ-$run"
 {
     cat "/proc/$$/cmdline"
-    tr '\n\0' '\001\n' < "/proc/$$/environ" | sort
+    echo
+    sort -z -T "$PROBE_FOLDER" "/proc/$$/environ" # a restart does not keep their order
+    echo
     grep -E 'Sig(Blk|Ign)|Umask' /proc/self/status
     ls /proc/self/fd
     pwd -P
     cat /proc/self/limits
-} > "$PROBE_FOLDER/partial-$$"
-mv "$PROBE_FOLDER/partial-$$" "$PROBE_FOLDER/run-$run"
+} > "$PROBE_FOLDER/state-$run"
+# The record gets its name when it is complete: somebody may wait for it.
+mv "$PROBE_FOLDER/state-$run" "$PROBE_FOLDER/run-$run"
 [ "$((run + 1))" -lt "$PROBE_RUNS" ] || exit 0
-
-crash() {
-    "$PROBE_HANDLER" SIGSEGV mail "$@"
-}
-
-case $PROBE_STATE in
-    "signals blocked") env --block-signal "$PROBE_HANDLER" SIGSEGV mail ;;
-    "signals ignored") env --ignore-signal "$PROBE_HANDLER" SIGSEGV mail ;;
-    "no other debugger") PATH=$PROBE_FOLDER crash ;;
-    "restart disabled") crash --disable-restart ;;
-    "descriptors open") crash 3>&2 4>&2 5>&2 6>&2 7>&2 8>&2 9>&2 ;;
-    "no standard streams") crash <&- >&- 2>&- ;;
-    "no standard error") crash 2>&- ;;
-    "log without reader")
-        # The reader of a FIFO is gone when the FIFO can be opened for writing and its name vanishes.
-        mkfifo "$PROBE_FOLDER/log-$$"
-        : < "$PROBE_FOLDER/log-$$" &
-        exec 3> "$PROBE_FOLDER/log-$$"
-        wait
-        crash > /dev/null 2>&3
-        ;;
-    "log that nobody reads")
-        mkfifo "$PROBE_FOLDER/log-$$"
-        exec 3<> "$PROBE_FOLDER/log-$$"
-        crash 2>&3
-        ;;
-    "log on a full device") crash > /dev/full 2>&1 ;;
-    *) crash ;;
-esac
-exit $?
+set -- "$PROBE_HANDLER" SIGSEGV mail
+eval "$PROBE_CRASH"

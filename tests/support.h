@@ -1,49 +1,61 @@
 #pragma once
 
-#include <QByteArray>
-#include <QString>
-#include <QStringList>
+#include <QDir>
+#include <QFile>
+#include <QProcess>
 #include <QTemporaryDir>
+#include <QtTest>
 
 inline constexpr int patience = 60'000; // ms; reached only when something is broken
+inline const QString dumpFolder = QStringLiteral("/tmp/vastel-mail");
+inline const bool hasOwnTmp = QFile::exists(QStringLiteral("/tmp/full")); // by private-tmp.sh
 
-/// Collects the log of this process while it lives: "category level text" a line.
-class LogCapture
+inline QByteArray contentOf(const QString &path)
 {
-public:
-    LogCapture();
-    ~LogCapture();
-    static QStringList lines();
-};
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
 
-/// A folder for one test, in front on the search path. At its end it is removed with what has come into the
-/// folder of the dumps, and the environment is as before.
-class TestFolder
+/// Runs \a script in the shell. Returns its exit code.
+inline int shell(const QByteArray &script)
 {
-public:
-    TestFolder();
-    ~TestFolder();
+    return QProcess::execute(QStringLiteral("/bin/sh"),
+                             {QStringLiteral("-c"), QString::fromUtf8(script)});
+}
 
-    [[nodiscard]] QString path(const QString &name = {}) const;
-    /// The paths of the dumps that have come since, the oldest first.
-    [[nodiscard]] QStringList dumps() const;
-    /// Writes an executable stand-in for the debugger: a shell script, unless \a body begins with "#!".
-    void writeDebugger(const QByteArray &body) const;
+/// Makes the program \a name, in place of an earlier one that may still run.
+inline void writeProgram(const QByteArray &name, const QByteArray &script)
+{
+    QCOMPARE(shell("cat > new << 'END'\n" + script + "\nEND\nchmod +x new; mv new " + name), 0);
+}
+
+/// Each function of a test has a folder of its own, the current one and first on the search path.
+class TestInFolder : public QObject
+{
+    Q_OBJECT
+
+protected Q_SLOTS:
+    void init()
+    {
+        if (QFile::exists(dumpFolder))
+            QSKIP("needs a /tmp of its own, or one without /tmp/vastel-mail");
+        qunsetenv("TMPDIR");
+        folder = std::make_unique<QTemporaryDir>();
+        QDir::setCurrent(folder->path());
+        qputenv("TMPDIR", path());
+        qputenv("PATH", path() + ":/bin:/usr/bin");
+    }
+    void cleanup()
+    {
+        qInstallMessageHandler(nullptr);
+        if (folder) // init() has found no folder of dump files
+            shell("rm -rf /tmp/vastel-mail; rm -f /tmp/full/*");
+        folder.reset();
+    }
+
+protected:
+    [[nodiscard]] QByteArray path() const { return QFile::encodeName(folder->path()); }
 
 private:
-    QTemporaryDir folder;
-    QByteArray searchPath = qgetenv("PATH");
-    QStringList earlierDumps;
+    std::unique_ptr<QTemporaryDir> folder;
 };
-
-/// The path of a program of this build, such as "crash-handler".
-QString program(const QString &name);
-
-QByteArray contentOf(const QString &path);
-void writeFile(const QString &path, const QByteArray &content);
-
-/// What every dump of this build and machine begins with.
-QByteArray dumpHeader(const QByteArray &appName, const QByteArray &signalName);
-
-/// Lines as LogCapture has them, all of the program's own category.
-QStringList logLines(const QStringList &levelsAndTexts);

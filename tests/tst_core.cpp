@@ -1,0 +1,202 @@
+// The parts of the program, where no run of the whole program shows what they do.
+
+#include "crash/crashhandler.h"
+#include "crash/crashhandler_p.h"
+#include "tests/support.h"
+#include "util/files.h"
+
+#include <QSignalSpy>
+
+#include <csignal>
+#include <optional>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+QStringList logLines; // "level text"
+
+void logLine(QtMsgType type, const QMessageLogContext & /*context*/, const QString &text)
+{
+    // In the order of the enumeration.
+    static const QStringList levels{u"debug "_s, u"warning "_s, u"critical "_s, u"fatal "_s,
+                                    u"info "_s};
+    logLines.append(levels.at(type) + text);
+}
+
+/// Starts a process that waits. One of its variables has no value, not even an empty one.
+void startApplication(QProcess &process)
+{
+    shell("cp /bin/cat application");
+    process.setChildProcessModifier([] {
+        char program[] = "./application", argument[] = "-";
+        char valueless[] = "VALUELESS", variable[] = "NÄME=a\r\nb=c\n";
+        char *const arguments[] = {program, argument, nullptr};
+        char *const variables[] = {valueless, variable, nullptr};
+        ::execve(program, arguments, variables);
+    });
+    process.start(u"/bin/false"_s);
+    // A process that has just become another program has no variables yet.
+    const QString environment = u"/proc/%1/environ"_s.arg(process.processId());
+    QTRY_VERIFY_WITH_TIMEOUT(contentOf(environment).startsWith("VALUELESS"), patience);
+}
+
+} // namespace
+
+class CoreTest : public TestInFolder
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init()
+    {
+        TestInFolder::init();
+        logLines.clear();
+        qInstallMessageHandler(logLine);
+    }
+
+    void dataIsAppendedForItsOwnerAloneAndAnErrorIsReported()
+    {
+        const mode_t everyRight = 0777;
+        const mode_t earlierMask = ::umask(everyRight);
+        const bool isWritten = writeToFile(u"file"_s, "a\r\n") && writeToFile(u"file"_s, {})
+            && writeToFile(u"file"_s, QByteArray("b\0\xfc", 3));
+        QCOMPARE(::umask(earlierMask), everyRight);
+        QVERIFY(isWritten);
+        QCOMPARE(shell("test $(stat -c %a file) = 600"), 0);
+        QCOMPARE(readBinaryFile(u"file"_s), QByteArray("a\r\nb\0\xfc", 6));
+        QCOMPARE(readFile(u"file"_s), QByteArray("a\nb\0\xfc", 5));
+        QVERIFY(writeToFile(u"/dev/full"_s, "lost when the file is closed"));
+        QVERIFY(!writeToFile(u"/dev/full"_s, QByteArray(1'000'000, 'x')));
+        QCOMPARE(logLines.constLast(), u"debug Wrote -1 bytes to file: \"/dev/full\""_s);
+    }
+
+    void anotherProcessCanAppendMeanwhileAndDoesNotInheritTheFile()
+    {
+        // Between the write and the closing.
+        qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &text) {
+            if (text.startsWith(u"Wrote"))
+                QCOMPARE(shell("echo second >> file; ! ls -l /proc/self/fd | grep -q /file"), 0);
+        });
+        QVERIFY(writeToFile(u"file"_s, "first\n"));
+        QCOMPARE(contentOf(u"file"_s), QByteArray("second\nfirst\n"));
+    }
+
+    void whatAnotherUserCanHavePlantedIsRefused_data()
+    {
+        QTest::addColumn<QByteArray>("planted");
+        for (const char *planted :
+             {"mkdir file", "mkfifo file", "ln mine file", "ln -s mine file", "ln -s nothing file",
+              "touch file; chown nobody file", "mknod file b 7 200"})
+            QTest::newRow(planted) << QByteArray(planted);
+    }
+    void whatAnotherUserCanHavePlantedIsRefused()
+    {
+        QFETCH(const QByteArray, planted);
+        if (shell("echo 1 > mine; " + planted) != 0)
+            QSKIP("only root can make this");
+        QVERIFY(!writeToFile(u"file"_s, "secret"));
+        QCOMPARE(logLines,
+                 QStringList({u"debug Writing to file: \"file\""_s,
+                              u"critical Failed to open file for writing: \"file\""_s,
+                              u"warning Warning: Could not open  \"file\""_s}));
+        QCOMPARE(contentOf(u"mine"_s), QByteArray("1\n"));
+        QVERIFY(!QFile::exists(u"nothing"_s));
+    }
+
+    void aReportBeginsWithTheNamesAsTheyAre()
+    {
+        DumpFile dump(u"Pöst%2b%1"_s, u"%1%3"_s, u"./a/dumps/"_s);
+        QVERIFY(dump.dumpFilePath().startsWith(u"./a/dumps//2"));
+        const QByteArray header = contentOf(dump.dumpFilePath());
+        QVERIFY(header.startsWith("Pöst%2b%1 has closed unexpectedly (Signal \"%1%3\")\nplease"));
+        QVERIFY(header.contains(".\nPöst%2b%1, based on Qt "));
+        QVERIFY(dump.writeMessage(u"é"_s) && dump.writeMessage({}) && dump.writeMessage(u"\n"_s));
+        QCOMPARE(contentOf(dump.dumpFilePath()), header + "é\n");
+        shell("rm -r a");
+        QVERIFY(!dump.writeMessage(u"lost"_s));
+    }
+
+    void aDebuggerThatRunsIsKilledWithoutASignalWhenItsCollectorIsDestroyed()
+    {
+        writeProgram("gdb", "#!/bin/sh\necho $$ $5 $7; exec sleep 1000\n");
+        std::optional<BacktraceCollector> collector(std::in_place);
+        const QSignalSpy chunks(&*collector, &BacktraceCollector::backtraceChunk);
+        const QSignalSpy backtraces(&*collector, &BacktraceCollector::backtrace);
+        const QSignalSpy errors(&*collector, &BacktraceCollector::error);
+        collector->start(4'294'967'296);
+        QVERIFY(!collector->isRunning());
+        QTRY_COMPARE_WITH_TIMEOUT(chunks.size(), 1, patience);
+        QVERIFY(collector->isRunning());
+        const QStringList answer = chunks.at(0).at(0).toString().simplified().split(u' ');
+        QVERIFY(QFile::exists(answer.at(1)));
+        QCOMPARE(answer.at(2), u"4294967296"_s);
+
+        collector.reset();
+        QCOMPARE(chunks.size() + backtraces.size() + errors.size(), 1);
+        QCOMPARE(::kill(answer.at(0).toInt(), 0), -1);
+        QVERIFY(!QFile::exists(answer.at(1)));
+    }
+
+    void withoutACommandLineNothingIsStarted()
+    {
+        CrashHandler handler(5'000'000, u"mail"_s, u"11"_s, false); // above any pid_max, proc(5)
+        QVERIFY(QMetaObject::invokeMethod(&handler, "restartApplication"));
+        const QString expected
+            = u"critical Failed to open file for reading: $\n"
+              "warning Warning: Could not open  $\n"
+              "warning Unexpected format in file:  $\nwarning Unable to restart\n"
+              "info command line: QList()\ninfo environment: QList()\n"
+              "info Preparing to restart application"_s;
+        QCOMPARE(logLines.last(7).join(u'\n'),
+                 QString(expected).replace(u'$', u"\"/proc/5000000/cmdline\""_s));
+    }
+
+    void debuggingAbortsARunningCollectionAndStartsTheApplication_data()
+    {
+        QTest::addColumn<bool>("isRunning");
+        QTest::newRow("a running collection is aborted") << true;
+        QTest::newRow("without one, the report stays as it is") << false;
+    }
+    void debuggingAbortsARunningCollectionAndStartsTheApplication()
+    {
+        QFETCH(const bool, isRunning);
+        writeProgram("gdb", "#!/bin/sh\necho $$; exec sleep 1000\n");
+        QProcess application;
+        startApplication(application);
+        CrashHandler handler(application.processId(), u"mail"_s, u"11"_s, false);
+        writeProgram(
+            "application",
+            "#!/bin/sh\ncat /proc/$$/environ > variables\necho \"$@\" > new\nmv new arguments\n");
+        const QString dump = logLines.filter(u"Dump file path set"_s).value(0).section(u'"', 1, 1);
+        const QByteArray header = contentOf(dump);
+        if (isRunning) {
+            handler.run();
+            QTRY_VERIFY_WITH_TIMEOUT(contentOf(dump) != header, patience);
+        }
+        const QByteArray report = contentOf(dump);
+        const int debugger = report.sliced(header.size()).trimmed().toInt();
+        logLines.clear();
+        QVERIFY(QMetaObject::invokeMethod(&handler, "debugApplication"));
+        QCOMPARE(contentOf(dump),
+                 report + (isRunning ? "\n\nCollecting backtrace aborted by user." : ""));
+        QCOMPARE(logLines.constFirst(), u"info Debugging application requested"_s);
+        QCOMPARE(logLines.contains(u"info Killing debugger process"_s), isRunning);
+        if (isRunning)
+            QTRY_COMPARE_WITH_TIMEOUT(::kill(debugger, 0), -1, patience);
+        QTRY_COMPARE_WITH_TIMEOUT(contentOf(u"arguments"_s),
+                                  "-debug " + QByteArray::number(application.processId()) + '\n',
+                                  patience);
+        const QByteArray variables = '\0' + contentOf(u"variables"_s);
+        QVERIFY(variables.contains(QByteArray("\0NÄME=a\r\nb=c\n\0", 15)));
+        QVERIFY(!variables.contains("VALUELESS"));
+        application.closeWriteChannel();
+        QVERIFY(application.waitForFinished(patience));
+    }
+};
+
+QTEST_GUILESS_MAIN(CoreTest)
+#include "tst_core.moc"
