@@ -7,6 +7,7 @@
 
 #include <QSignalSpy>
 
+#include <array>
 #include <csignal>
 #include <optional>
 
@@ -32,11 +33,10 @@ void startApplication(QProcess &process)
 {
     shell("cp /bin/cat application");
     process.setChildProcessModifier([] {
-        char program[] = "./application", argument[] = "-";
-        char valueless[] = "VALUELESS", variable[] = "NÄME=a\r\nb=c\n";
-        char *const arguments[] = {program, argument, nullptr};
-        char *const variables[] = {valueless, variable, nullptr};
-        ::execve(program, arguments, variables);
+        std::array texts{"./application"_ba, "-"_ba, "VALUELESS"_ba, "NÄME=a\r\nb=c\n"_ba};
+        char *const arguments[] = {texts[0].data(), texts[1].data(), nullptr};
+        char *const variables[] = {texts[2].data(), texts[3].data(), nullptr};
+        ::execve(arguments[0], arguments, variables);
     });
     process.start(u"/bin/false"_s);
     // A process that has just become another program has no variables yet.

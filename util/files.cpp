@@ -45,8 +45,8 @@ int openPrivately(const QString &path)
 bool isTrustworthy(int descriptor)
 {
     struct stat status = {};
-    if (::fstat(descriptor, &status) == -1)
-        return false;
+    // When this fails, the type stays 0, which is refused.
+    ::fstat(descriptor, &status);
     const bool isOwnFile
         = S_ISREG(status.st_mode) && status.st_uid == ::geteuid() && status.st_nlink <= 1;
     return isOwnFile || S_ISCHR(status.st_mode);
