@@ -4,7 +4,7 @@
 #
 # An ordinary user needs a user namespace for that, and stays the same user in it. Where the system
 # refuses, the test has the machine's /tmp, and skips what could touch other people's files.
-
+#
 # Programs that crash on purpose must not leave core dumps. Debian's sh has the option:
 # shellcheck disable=SC3045
 ulimit -c 0
@@ -29,4 +29,4 @@ mount -t tmpfs -o size=4k,mode=1777 tmpfs /tmp/full
 shift 3
 # The test must not have the capabilities that were kept for the mounts.
 [ "$(id -u)" -eq 0 ] || set -- setpriv --inh-caps=-all --ambient-caps=-all "$@"
-exec "$@" 8<&- 9<&-
+OWN_TMP=yes exec "$@" 8<&- 9<&-

@@ -1,19 +1,17 @@
 #!/bin/sh
 # The application of the scenarios: records what it was started with, starts the crash handler and ends
-# with its exit status. Its arguments are part of the record, so variables say what it does:
+# with its exit status. Variables say what it does, because its arguments are part of the record:
 #   PROBE_FOLDER   where it records its runs: run-0, run-1, ...
 #   PROBE_RUNS     how often it runs; the last run does not crash
 #   PROBE_CRASH    how it starts the crash handler PROBE_HANDLER, whose command line is "$@"
 
 run=0
 while [ -e "$PROBE_FOLDER/run-$run" ]; do run=$((run + 1)); done
-cat "/proc/$$/cmdline" > "$PROBE_FOLDER/cmdline-$run"
-cat "/proc/$$/environ" > "$PROBE_FOLDER/environ-$run"
+for file in cmdline environ; do cat "/proc/$$/$file" > "$PROBE_FOLDER/$file-$run"; done
 {
     cat "/proc/$$/cmdline"
     echo
     sort -z -T "$PROBE_FOLDER" "/proc/$$/environ" # a restart does not keep their order
-    echo
     grep -E 'Sig(Blk|Ign)|Umask' /proc/self/status
     ls /proc/self/fd
     pwd -P

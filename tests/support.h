@@ -8,7 +8,7 @@
 
 inline constexpr int patience = 60'000; // ms; reached only when something is broken
 inline const QString dumpFolder = QStringLiteral("/tmp/vastel-mail");
-inline const bool hasOwnTmp = QFile::exists(QStringLiteral("/tmp/full")); // by private-tmp.sh
+inline const bool hasOwnTmp = qEnvironmentVariableIsSet("OWN_TMP"); // by private-tmp.sh
 
 inline QByteArray contentOf(const QString &path)
 {
@@ -49,7 +49,7 @@ protected Q_SLOTS:
     {
         qInstallMessageHandler(nullptr);
         if (folder) // init() has found no folder of dump files
-            shell("rm -rf /tmp/vastel-mail; rm -f /tmp/full/*");
+            shell(hasOwnTmp ? "rm -rf /tmp/vastel-mail /tmp/full/*" : "rm -rf /tmp/vastel-mail");
         folder.reset();
     }
 

@@ -9,7 +9,6 @@
 
 #include <array>
 #include <csignal>
-#include <optional>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -123,10 +122,10 @@ private Q_SLOTS:
     void aDebuggerThatRunsIsKilledWithoutASignalWhenItsCollectorIsDestroyed()
     {
         writeProgram("gdb", "#!/bin/sh\necho $$ $5 $7; exec sleep 1000\n");
-        std::optional<BacktraceCollector> collector(std::in_place);
-        const QSignalSpy chunks(&*collector, &BacktraceCollector::backtraceChunk);
-        const QSignalSpy backtraces(&*collector, &BacktraceCollector::backtrace);
-        const QSignalSpy errors(&*collector, &BacktraceCollector::error);
+        auto collector = std::make_unique<BacktraceCollector>();
+        const QSignalSpy chunks(collector.get(), &BacktraceCollector::backtraceChunk);
+        const QSignalSpy backtraces(collector.get(), &BacktraceCollector::backtrace);
+        const QSignalSpy errors(collector.get(), &BacktraceCollector::error);
         collector->start(4'294'967'296);
         QVERIFY(!collector->isRunning());
         QTRY_COMPARE_WITH_TIMEOUT(chunks.size(), 1, patience);

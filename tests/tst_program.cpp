@@ -3,11 +3,8 @@
 
 #include "tests/support.h"
 
-#include <QDebug>
-
 #include <csignal>
 
-#include <linux/close_range.h>
 #include <unistd.h>
 
 using namespace Qt::StringLiterals;

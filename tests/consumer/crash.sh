@@ -31,18 +31,15 @@ cmake --build . >> cmake.log
 "$3" -std=c++17 -o by-pkg-config mail.cpp $(pkg-config --cflags --libs "$(find prefix -name '*.pc')")
 
 printf '#!/bin/sh\necho backtrace\n' > gdb && chmod +x gdb
-# crash APPLICATION NUMBER NAME: it ends by the signal and is reported, but not restarted so early.
+# crash APPLICATION NUMBER: it ends by the signal and is reported, but not restarted so early.
 crash() {
     status=0
     PATH=$folder:$PATH "./$1" "$2" 2> log || status=$?
     [ "$status" -eq "$((128 + $2))" ] || { cat log; echo "$1 has ended with $status"; exit 1; }
     grep -q 'Application restart disabled' log
     dump=$(sed -n 's/.*Dump file path set to: "\(.*\)"$/\1/p' log)
-    grep -q "^consumer has closed unexpectedly (Signal \"$3\")$" "$dump"
-    grep -q '^backtrace$' "$dump"
-    rm "$dump"
+    grep -q "^consumer has closed unexpectedly (Signal \"SIG$(kill -l "$2")\")$" "$dump"
+    grep -q '^backtrace$' "$dump" && rm "$dump"
 }
-for signal in '4 SIGILL' '5 SIGTRAP' '6 SIGABRT' '7 SIGBUS' '8 SIGFPE' '11 SIGSEGV' '31 SIGSYS'; do
-    crash by-cmake "${signal% *}" "${signal#* }"
-done
-crash by-pkg-config 6 SIGABRT
+for signal in 4 5 6 7 8 11 31; do crash by-cmake "$signal"; done
+crash by-pkg-config 6
