@@ -29,4 +29,4 @@ mount -t tmpfs -o size=4k,mode=1777 tmpfs /tmp/full
 shift 3
 # The test must not have the capabilities that were kept for the mounts.
 [ "$(id -u)" -eq 0 ] || set -- setpriv --inh-caps=-all --ambient-caps=-all "$@"
-OWN_TMP=yes exec "$@" 8<&- 9<&-
+exec env OWN_TMP=yes "$@" 8<&- 9<&-
