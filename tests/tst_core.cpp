@@ -7,7 +7,6 @@
 
 #include <QSignalSpy>
 
-#include <array>
 #include <csignal>
 
 #include <sys/stat.h>
@@ -32,9 +31,9 @@ void startApplication(QProcess &process)
 {
     shell("cp /bin/cat application");
     process.setChildProcessModifier([] {
-        std::array texts{"./application"_ba, "-"_ba, "VALUELESS"_ba, "NÄME=a\r\nb=c\n"_ba};
-        char *const arguments[] = {texts[0].data(), texts[1].data(), nullptr};
-        char *const variables[] = {texts[2].data(), texts[3].data(), nullptr};
+        char texts[][16] = {"./application", "-", "VALUELESS", "NÄME=a\r\nb=c\n"};
+        char *const arguments[] = {texts[0], texts[1], nullptr};
+        char *const variables[] = {texts[2], texts[3], nullptr};
         ::execve(arguments[0], arguments, variables);
     });
     process.start(u"/bin/false"_s);
