@@ -84,8 +84,8 @@ void keepLogFromWaiting()
     std::FILE *log = descriptor == -1 ? nullptr : ::fdopen(descriptor, "w");
     if (log == nullptr)
         return;
-    // The largest size that an ordinary user may set (pipe(7)). A reader that is only slow misses
-    // nothing.
+    // The default limit for an ordinary user (pipe(7)). A slow reader misses nothing as long as the
+    // unread lines fit. If the system refuses the size, the pipe keeps its own.
     constexpr int pipeSize = 1024 * 1024;
     ::fcntl(descriptor, F_SETPIPE_SZ, pipeSize);
     std::setvbuf(log, nullptr, _IONBF, 0);

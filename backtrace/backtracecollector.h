@@ -13,13 +13,13 @@ class BacktraceCollectorPrivate;
 /// end.
 ///
 /// The owner constructs it, connects its signals, calls start() once, and runs the event loop of
-/// its thread. kill() and isRunning() may be called at any time. Nothing waits for the debugger.
-/// Each start() while no debugger runs ends in exactly one of backtrace() and error(). After that,
-/// this debugger causes no further signal.
+/// its thread. kill() and isRunning() may be called at any time. Only the destructor waits for the
+/// debugger. Each start() while no debugger runs ends in exactly one of backtrace() and error().
+/// After that, this debugger causes no further signal.
 ///
-/// The destructor kills a debugger that still runs, waits until it is gone, and removes its command
-/// file. It emits no signal. Qt logs a warning then, and waits for up to 30 seconds. Every step is
-/// logged through the default logger.
+/// The destructor kills a debugger that still runs (Qt logs a warning then), waits for its end for
+/// at most 30 seconds, and removes its command file. It emits no signal. Every step is logged
+/// through the default logger.
 class BacktraceCollector : public QObject
 {
     Q_OBJECT
@@ -40,7 +40,8 @@ public:
     /// runs without commands and succeeds, and backtrace() delivers what little it prints.
     ///
     /// Do not call it while a debugger runs: QProcess refuses a second one, and no signal answers
-    /// this call. The output of a later collection is appended to that of the earlier ones.
+    /// this call. The output of a later collection is appended to that of the earlier ones. After a
+    /// debugger that crashed or could not be started, every later collection ends in error().
     void start(qint64 pid);
 
     /// Kills the debugger at once (SIGKILL), also while it is still being started. This is then
@@ -67,9 +68,9 @@ Q_SIGNALS:
     /// their order. Emitted at most once for each start(), after the last chunk.
     void backtrace(const QString &backtrace);
 
-    /// One chunk of the debugger's output: what it has written to standard output and standard
-    /// error, in that order of time. Each chunk is decoded by itself, as UTF-8, so a character that
-    /// is split between two chunks becomes replacement characters. Can be empty.
+    /// One chunk of the debugger's output: standard output and standard error together, in the order
+    /// in which they were written. Each chunk is decoded by itself, as UTF-8, so a character that is
+    /// split between two chunks becomes replacement characters. Can be empty.
     void backtraceChunk(const QString &chunk);
 
 private Q_SLOTS:

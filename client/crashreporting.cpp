@@ -53,7 +53,7 @@ static_assert(std::atomic<pid_t>::is_always_lock_free,
               "the signal handler must not wait for a lock");
 
 /// Permits the child to go on. Any signal serves: the child has all of them blocked.
-constexpr int permission = SIGUSR1;
+constexpr int permissionSignal = SIGUSR1;
 
 // Everything that the signal handler reads is set before it is installed.
 Process *installedProcess;
@@ -93,17 +93,17 @@ void waitForPermission(pid_t parent)
     prctl(PR_SET_PDEATHSIG, SIGKILL, 0, 0, 0);
     if (getppid() != parent)
         _exit(EXIT_FAILURE);
-    sigset_t permissions;
-    sigemptyset(&permissions);
-    sigaddset(&permissions, permission);
+    sigset_t permissionSignals;
+    sigemptyset(&permissionSignals);
+    sigaddset(&permissionSignals, permissionSignal);
     siginfo_t info;
-    while (sigwaitinfo(&permissions, &info) == -1 || info.si_pid != parent) { }
+    while (sigwaitinfo(&permissionSignals, &info) == -1 || info.si_pid != parent) { }
     // It would stay set across execve(2), and a crash handler goes on when its parent is killed.
     prctl(PR_SET_PDEATHSIG, 0, 0, 0, 0);
 }
 
 /// Runs in the child.
-[[noreturn]] void becomeHandler(pid_t parent, int signalNumber)
+[[noreturn]] void becomeCrashHandler(pid_t parent, int signalNumber)
 {
     waitForPermission(parent);
     // The crash handler needs descriptors to load its libraries, and the application may have used
@@ -112,7 +112,7 @@ void waitForPermission(pid_t parent)
     const char *restart = diedTooEarly() ? "--disable-restart" : nullptr;
     const char *const arguments[]
         = {handlerPath.data(), signalName(signalNumber), appName.data(), restart, nullptr};
-    // execv(3) takes pointers to non-const for historical reasons only.
+    // execv(3) takes pointers to non-const, but does not write through them.
     char *const *const vector = const_cast<char *const *>(arguments);
     execv(handlerPath.data(), vector);
     // The crash may have damaged the environment, which the restart does not need: it is read from
@@ -125,9 +125,10 @@ void waitForPermission(pid_t parent)
 /// Starts the crash handler and waits for its end.
 void reportCrash(int signalNumber)
 {
-    // The first crash is the one to report. A thread that crashes later waits, so that the report
-    // shows it where it stands, until the first one ends the process. The first one itself comes
-    // here again when its signal has not ended the process: abort(3) then raises another one.
+    // Only the first crash is reported. Every later thread waits here, so that the report shows
+    // where it stood, until the first one ends the process. The first thread can come back: if
+    // SIGABRT does not end the process, abort(3) raises another signal. It then returns, to end by
+    // that one.
     pid_t crashedThread = 0;
     if (!installedProcess->crashedThread.compare_exchange_strong(crashedThread, gettid())) {
         while (crashedThread != gettid())
@@ -142,14 +143,14 @@ void reportCrash(int signalNumber)
     const pid_t parent = getpid();
     const pid_t child = _Fork();
     if (child == 0)
-        becomeHandler(parent, signalNumber);
+        becomeCrashHandler(parent, signalNumber);
     if (child == -1)
         return;
 
     // For the Yama security module, which by itself lets only ancestors trace. Elsewhere the call
     // fails.
     prctl(PR_SET_PTRACER, child, 0, 0, 0);
-    kill(child, permission);
+    kill(child, permissionSignal);
     while (waitpid(child, nullptr, 0) == -1 && errno == EINTR) { }
 }
 
@@ -162,8 +163,9 @@ void onCrash(int signalNumber)
     int earlierState;
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &earlierState);
 
-    // A child of vfork(2) shares this memory, but has another ID. A forked child can have the same
-    // ID, in a PID namespace of its own, but the kernel clears the stored one there.
+    // False in a forked child. After vfork(2) the child shares this memory but has another ID.
+    // After fork(2) in a new PID namespace it can have the same ID, but the kernel has set its copy
+    // to 0 (MADV_WIPEONFORK).
     if (installedProcess->id == getpid())
         reportCrash(signalNumber);
 
@@ -244,8 +246,8 @@ bool install(const Settings &settings)
     if (memory == nullptr)
         return false;
 
-    // Nothing fails from here on. Kernels before 4.14 refuse this; there, the IDs alone tell a
-    // forked child.
+    // Nothing fails from here on. Kernels before 4.14 refuse this advice: a forked child is then
+    // recognized by its process ID only.
     madvise(memory, sizeof(Process), MADV_WIPEONFORK);
     installedProcess = new (memory) Process{getpid(), 0};
     handlerPath = path;

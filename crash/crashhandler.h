@@ -12,13 +12,14 @@ class CrashHandlerPrivate;
 /// file, starts the application again, and ends the event loop.
 ///
 /// The entry function constructs it on the main thread, calls run() once, and runs
-/// QCoreApplication::exec(). The handler ends that event loop with status 0 when the backtrace is
-/// complete or its collection has failed, even if that is known before the loop runs. The entry
-/// function destroys the handler after the loop and before the application object. A debugger that
-/// still runs then is killed.
+/// QCoreApplication::exec(). It ends that event loop with status 0 when the backtrace is complete
+/// or its collection has failed, even if that is known before the loop runs. The entry function
+/// destroys it after the loop and before the application object. A debugger that still runs then is
+/// killed.
 ///
 /// Steps are logged through logCrashHandler, unless stated otherwise. No operation waits for the
-/// debugger or for the restarted application.
+/// debugger or for the restarted application. Only the destructor waits, for the end of a debugger
+/// that it has killed.
 class CrashHandler : public QObject
 {
     Q_OBJECT
@@ -67,7 +68,8 @@ public Q_SLOTS:
     /// Nothing is started without a command line. A program that cannot be started is not reported.
     void restartApplication();
 
-    /// Aborts a running collection with a note in the dump file. Then starts the application like
+    /// Aborts the collection, with a note in the dump file, if the debugger runs. A debugger that
+    /// is still being started is not stopped. Then starts the application like
     /// restartApplication(), but with two arguments only: "-debug" and the decimal ID of the
     /// crashed process.
     ///

@@ -9,7 +9,7 @@
 /// The state of a CrashHandler.
 ///
 /// The order of the fields is the order of the log lines of their constructors and, reversed, of
-/// their destructors. The header is on disk before anything can be written behind it.
+/// their destructors.
 class CrashHandlerPrivate
 {
 public:

@@ -1,4 +1,4 @@
-// What the handler writes into the dump file. The results of the writes are ignored: DumpFile logs
+// What CrashHandler writes into the dump file. The results of the writes are ignored: DumpFile logs
 // a failure, and the rest of the report and the application's restart must still take place.
 
 #include "crash/crashhandler.h"

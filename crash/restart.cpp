@@ -18,12 +18,12 @@ namespace {
 
 const QString environmentSeparator = u"="_s;
 
-/// Appends \a pieces to \a list, each byte as the Latin-1 character of its code: no byte is lost,
+/// Appends \a entries to \a list, each byte as the Latin-1 character of its code: no byte is lost,
 /// whatever the encoding.
-void appendLatin1(QStringList &list, const QByteArrayList &pieces)
+void appendLatin1(QStringList &list, const QByteArrayList &entries)
 {
-    for (const QByteArray &piece : pieces)
-        list.append(QString::fromLatin1(piece));
+    for (const QByteArray &entry : entries)
+        list.append(QString::fromLatin1(entry));
 }
 
 /// Undoes appendLatin1() for the programs, arguments and variables that are given to QProcess,
@@ -114,8 +114,8 @@ void CrashHandler::debugApplication()
         d->collector.disconnect();
         d->collector.kill();
         d->dumpFile.writeMessage(tr("\n\nCollecting backtrace aborted by user."));
-        // Lets the collector handle the end of the debugger, if it has ended already, before the
-        // application starts.
+        // A debugger that has ended by now is reaped here: the caller may never run the event loop
+        // again.
         QCoreApplication::processEvents();
     }
     startApplication({d->restartCommandLine.value(0), u"-debug"_s, QString::number(d->pid)},

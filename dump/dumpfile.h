@@ -27,10 +27,10 @@ public:
     ///
     /// \a appName and \a signalName are written into the header unchanged. \a dumpDirectory is the
     /// folder, "/tmp/vastel-mail" when it is empty. It is created together with its missing
-    /// parents, with the process's default permissions and all rights for its owner (see
-    /// OwnerUmask). When that fails, which is logged as critical and as warning, the file is put
-    /// into QDir::tempPath() instead, whether that exists or not. Anything that already exists at
-    /// the folder's path counts as the folder. A header that cannot be written is logged and lost.
+    /// parents; the umask takes no rights from the owner (see OwnerUmask). If that fails, it is
+    /// logged as critical and as warning, and the file goes to QDir::tempPath(), even if that folder
+    /// does not exist. Whatever already exists at the folder's path is used as the folder. A header
+    /// that cannot be written is logged and lost.
     DumpFile(const QString &appName, const QString &signalName, const QString &dumpDirectory,
              QObject *parent = nullptr);
     ~DumpFile() override;

@@ -2,12 +2,12 @@
 // restarted by the crash handler, and ends normally when it has come back.
 //
 // Usage: sample-application HANDLER RECORD WAY [ARGUMENT...]
-//   HANDLER  path of the crash handler; if it is refused, the crash is not reported
-//   RECORD   path of a file that does not exist yet: the first run writes there what it was started with,
-//            the second run compares, and leaves its own in RECORD.back
-//   WAY      null-pointer, abort, stack-overflow, second-thread or two-threads; or forked-child: before the
-//            null pointer, a child that is forked crashes, which is not reported. Each crashes after the
-//            minimum uptime, unless "early-" stands before it: then there is no restart
+//   HANDLER  path of the crash handler; if install() refuses it, the crash is not reported
+//   RECORD   path of a file that does not exist yet. The first run writes its arguments and environment
+//            there. The second run compares them with its own, which it writes to RECORD.back
+//   WAY      null-pointer, abort, stack-overflow, second-thread, two-threads, or forked-child: a forked
+//            child crashes first, unreported, then the main thread. The crash comes after the minimum
+//            uptime. With "early-" before the way it comes at once, so there is no restart
 
 #include <vastel-mail/crashreporting.h>
 

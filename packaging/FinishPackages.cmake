@@ -4,7 +4,8 @@ if(NOT CPACK_GENERATOR STREQUAL "DEB")
     return()
 endif()
 
-# The parts of a package have modes that follow the builder's umask. Put together once more, they have fixed ones.
+# The mode of each part inside a package follows the builder's umask. "ar rcD" packs the parts again, with fixed modes,
+# owners and times.
 foreach(package IN LISTS CPACK_PACKAGE_FILES)
     set(parts debian-binary control.tar.gz data.tar.gz)
     execute_process(COMMAND ar x ${package}

@@ -10,7 +10,7 @@ function(run)
     execute_process(COMMAND ${ARGN} COMMAND_ERROR_IS_FATAL ANY)
 endfunction()
 
-# Debian's change log has an entry for each version that is packed. It takes its date from ours.
+# Debian's change log gets one entry, for the packed version, with the date of our change log.
 set(change_log ${CMAKE_CURRENT_LIST_DIR}/../CHANGELOG.md)
 file(STRINGS ${change_log} latest LIMIT_COUNT 1 REGEX "^## [0-9]")
 if(NOT latest MATCHES "^## ${CPACK_PACKAGE_VERSION} - ([0-9-]+)$")
@@ -37,8 +37,9 @@ run(gzip -9n ${texts})
 file(GLOB_RECURSE binaries ${staged}/*.a ${staged}/*/crash-handler)
 run(strip --strip-debug --remove-section=.comment --enable-deterministic-archives ${binaries})
 
-# With another prefix than /usr, CMake does not use Debian's folder for the architecture, in which alone pkg-config finds
-# this when it builds for another architecture. That is one folder deeper.
+# Debian keeps libraries in a folder for each architecture (lib/x86_64-linux-gnu). CMake uses it only if the configured
+# prefix is /usr. pkg-config searches only there when it builds for another architecture. So the .pc file moves there, one
+# folder deeper, and its relative path gets one "../" more.
 set(libraries ${staged}/development/usr/lib)
 file(GLOB package_files ${libraries}/pkgconfig/*.pc)
 foreach(path IN LISTS package_files)

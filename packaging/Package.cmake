@@ -10,7 +10,7 @@ install(FILES ${PROJECT_SOURCE_DIR}/packaging/crash-handler.8
 set(CPACK_PACKAGE_CONTACT "Vastel Mail maintainers <maintainers@vastel-mail.example>")
 set(CPACK_GENERATOR DEB)
 set(CPACK_STRIP_FILES ON)
-# Staged below DESTDIR, with the prefix that the packages have: the library is built for that.
+# Install with the packages' prefix, below DESTDIR: the library has the path of the crash handler compiled in.
 set(CPACK_SET_DESTDIR ON)
 set(CPACK_INSTALL_PREFIX /usr)
 set(CPACK_LIBRARY_ARCHITECTURE "${CMAKE_LIBRARY_ARCHITECTURE}")
@@ -19,7 +19,7 @@ set(CPACK_POST_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/packaging/FinishPackages.cmak
 
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-# Revisions of Debian's own packages begin at 1.
+# Lower than 1, so that a package of Debian itself would replace this one.
 set(CPACK_DEBIAN_PACKAGE_RELEASE 0vastel1)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 

@@ -1,4 +1,4 @@
-// The parts of the program, where no run of the whole program shows what they do.
+// Facts about single classes that the tests of the whole program cannot show.
 
 #include "crash/crashhandler.h"
 #include "crash/crashhandler_p.h"
@@ -26,7 +26,8 @@ void logLine(QtMsgType type, const QMessageLogContext & /*context*/, const QStri
     logLines.append(levels.at(type) + text);
 }
 
-/// Starts a process that waits. One of its variables has no value, not even an empty one.
+/// Starts a process that waits: cat(1) with "-". QProcess cannot pass its variable without "=", so the
+/// child executes the program itself; /bin/false runs only if that fails.
 void startApplication(QProcess &process)
 {
     shell("cp /bin/cat application");
@@ -56,7 +57,7 @@ private Q_SLOTS:
         qInstallMessageHandler(logLine);
     }
 
-    void dataIsAppendedForItsOwnerAloneAndAnErrorIsReported()
+    void appendedFilesArePrivateAndAFailedWriteIsReported()
     {
         const mode_t everyRight = 0777;
         const mode_t earlierMask = ::umask(everyRight);

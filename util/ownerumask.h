@@ -2,9 +2,9 @@
 
 #include <sys/stat.h>
 
-/// While it exists, files and folders are created with all of their owner's rights. What the
-/// inherited umask takes from the group and from others, it still takes. The destructor sets the
-/// inherited umask again, for the restarted application. See umask(2).
+/// While it exists, the umask takes no rights from the owner of files and folders that are created.
+/// What the inherited umask takes from the group and from others, it still takes. The destructor
+/// sets the inherited umask again, for the restarted application. See umask(2).
 ///
 /// The umask belongs to the process: only for programs of one thread.
 class OwnerUmask
