@@ -1,6 +1,6 @@
 #!/bin/sh
 # The application of the scenarios: records what it was started with, starts the crash handler and ends
-# with its exit status. Variables say what it does, because its arguments are part of the record:
+# with its exit status. Its arguments are part of the record, so variables say what it does:
 #   PROBE_FOLDER   where it records its runs: run-0, run-1, ...
 #   PROBE_RUNS     how often it runs; the last run does not crash
 #   PROBE_CRASH    how it starts the crash handler PROBE_HANDLER, whose command line is "$@"

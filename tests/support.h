@@ -1,10 +1,6 @@
 #pragma once
 
-#include <QDir>
-#include <QFile>
-#include <QProcess>
-#include <QTemporaryDir>
-#include <QtTest>
+#include <QtTest> // with all of Qt Core
 
 inline constexpr int patience = 60'000; // ms; reached only when something is broken
 inline const QString dumpFolder = QStringLiteral("/tmp/vastel-mail");

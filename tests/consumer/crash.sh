@@ -1,4 +1,5 @@
 #!/bin/sh
+# shellcheck disable=SC2016,SC2046 # what is quoted is for gdb; pkg-config prints several words
 # Installs everything into a folder of its own, builds an application of another project against that, by
 # CMake and by pkg-config, and lets it crash. Usage: crash.sh BUILD_FOLDER GENERATOR COMPILER
 set -eu
@@ -7,15 +8,23 @@ folder=$(mktemp -d)
 trap 'rm -rf "$folder"' EXIT
 cmake --install "$1" --prefix "$folder/prefix" > "$folder/install.log"
 cd "$folder"
-
 cat > mail.cpp << 'END'
 #include <vastel-mail/crashreporting.h>
+#include <cerrno>
 #include <cstdlib>
+crashreporting::Settings settings;
+int refusal(const char *appName, const char *handlerPath)
+{
+    settings.appName = appName, settings.handlerPath = handlerPath;
+    return crashreporting::install(settings) ? 0 : errno;
+}
 int main(int, char *argv[])
 {
-    crashreporting::Settings settings;
-    settings.appName = "consumer";
-    return crashreporting::install(settings) ? std::raise(std::atoi(argv[1])) : EXIT_FAILURE;
+    if (refusal(nullptr, nullptr) != EINVAL || refusal("-x", nullptr) != EINVAL
+        || refusal("x", "/nowhere") != ENOENT || refusal("x", "/") != EACCES
+        || refusal("x", "mail.cpp") != EACCES)
+        return EXIT_FAILURE;
+    return refusal("consumer", nullptr) == 0 ? std::raise(std::atoi(argv[1])) : EXIT_FAILURE;
 }
 END
 cat > CMakeLists.txt << 'END'
@@ -27,19 +36,18 @@ target_link_libraries(by-cmake PRIVATE VastelMail::CrashReporting)
 END
 cmake -G "$2" -B . -D CMAKE_CXX_COMPILER="$3" -D CMAKE_PREFIX_PATH="$folder/prefix" > cmake.log
 cmake --build . >> cmake.log
-# shellcheck disable=SC2046 # several words
 "$3" -std=c++17 -o by-pkg-config mail.cpp $(pkg-config --cflags --libs "$(find prefix -name '*.pc')")
-
-printf '#!/bin/sh\necho backtrace\n' > gdb && chmod +x gdb
-# crash APPLICATION NUMBER: it ends by the signal and is reported, but not restarted so early.
+# crash APPLICATION NUMBER: it is ended by the signal and reported, but not restarted so early. cat(1) ends
+# with the crash handler, which goes on when the application is killed.
 crash() {
-    status=0
-    PATH=$folder:$PATH "./$1" "$2" 2> log || status=$?
-    [ "$status" -eq "$((128 + $2))" ] || { cat log; echo "$1 has ended with $status"; exit 1; }
+    { PATH=$folder:$PATH "./$1" "$2" 2>&1 || echo "ended with $?"; } | cat > log
+    grep -q "ended with $((128 + ${3:-$2}))" log || { cat log; exit 1; }
     grep -q 'Application restart disabled' log
     dump=$(sed -n 's/.*Dump file path set to: "\(.*\)"$/\1/p' log)
     grep -q "^consumer has closed unexpectedly (Signal \"SIG$(kill -l "$2")\")$" "$dump"
     grep -q '^backtrace$' "$dump" && rm "$dump"
 }
+printf '#!/bin/sh\necho backtrace; kill -%s $7' 0 > gdb && chmod +x gdb
 for signal in 4 5 6 7 8 11 31; do crash by-cmake "$signal"; done
-crash by-pkg-config 6
+sed -i 's/-0/-KILL/' gdb
+crash by-pkg-config 6 9
