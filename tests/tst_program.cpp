@@ -74,9 +74,9 @@ std::pair<QByteArray, int> outputOf(const QStringList &command, const QStringLis
     // ends when no process has the pipe any more.
     const QString script
         = u"set -o pipefail; { echo $BASHPID > pid; exec \"$@\"; } 2>&1 < /dev/null"
-          " | timeout 60 sed '/[dt] .*open.*lsb-rel/d; /Succ.*lsb-rel/d'"_s;
+          " | timeout 300 sed '/[dt] .*open.*lsb-rel/d; /Succ.*lsb-rel/d'"_s;
     process.start(u"/bin/bash"_s, QStringList{u"-c"_s, script, u"bash"_s} + command);
-    process.waitForFinished(2 * patience);
+    process.waitForFinished(6 * patience);
     return {process.readAllStandardOutput(), process.exitCode()};
 }
 
