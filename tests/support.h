@@ -2,8 +2,10 @@
 
 #include <QtTest> // with all of Qt Core
 
+using namespace Qt::StringLiterals;
+
 inline constexpr int patience = 60'000; // ms; reached only when something is broken
-inline const QString dumpFolder = QStringLiteral("/tmp/vastel-mail");
+inline const QString dumpFolder = u"/tmp/vastel-mail"_s;
 inline const bool hasOwnTmp = qEnvironmentVariableIsSet("OWN_TMP"); // by private-tmp.sh
 
 inline QByteArray contentOf(const QString &path)
@@ -12,11 +14,10 @@ inline QByteArray contentOf(const QString &path)
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
-/// Runs \a script in the shell. Returns its exit code.
+/// Returns the exit code of \a script.
 inline int shell(const QByteArray &script)
 {
-    return QProcess::execute(QStringLiteral("/bin/sh"),
-                             {QStringLiteral("-c"), QString::fromUtf8(script)});
+    return QProcess::execute(u"/bin/sh"_s, {u"-c"_s, QString::fromUtf8(script)});
 }
 
 /// Makes the program \a name, in place of an earlier one that may still run.

@@ -10,8 +10,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-using namespace Qt::StringLiterals;
-
 namespace {
 
 QStringList logLines; // "level text"
@@ -95,10 +93,6 @@ private Q_SLOTS:
         if (shell("echo 1 > mine; " + planted) != 0)
             QSKIP("only root can make this");
         QVERIFY(!writeToFile(u"file"_s, "secret"));
-        QCOMPARE(logLines,
-                 QStringList({u"debug Writing to file: \"file\""_s,
-                              u"critical Failed to open file for writing: \"file\""_s,
-                              u"warning Warning: Could not open  \"file\""_s}));
         QCOMPARE(contentOf(u"mine"_s), QByteArray("1\n"));
         QVERIFY(!QFile::exists(u"nothing"_s));
     }
@@ -112,8 +106,6 @@ private Q_SLOTS:
         QVERIFY(header.contains(".\nPöst%2b%1, based on Qt "));
         QVERIFY(dump.writeMessage(u"é"_s) && dump.writeMessage({}) && dump.writeMessage(u"\n"_s));
         QCOMPARE(contentOf(dump.dumpFilePath()), header + "é\n");
-        shell("rm -r a");
-        QVERIFY(!dump.writeMessage(u"lost"_s));
     }
 
     void aDebuggerThatRunsIsKilledWithoutASignalWhenItsCollectorIsDestroyed()
@@ -135,6 +127,20 @@ private Q_SLOTS:
         QCOMPARE(chunks.size() + backtraces.size() + errors.size(), 1);
         QCOMPARE(::kill(answer.at(0).toInt(), 0), -1);
         QVERIFY(!QFile::exists(answer.at(1)));
+    }
+
+    void aDebuggerWithoutCommandsIsNotHeard()
+    {
+        qputenv("TMPDIR", "/proc");
+        writeProgram("gdb", "#!/bin/sh\necho unheard; exec sleep 1000");
+        BacktraceCollector collector;
+        const QSignalSpy chunks(&collector, &BacktraceCollector::backtraceChunk);
+        const QSignalSpy errors(&collector, &BacktraceCollector::error);
+        collector.start(1);
+        QTRY_VERIFY_WITH_TIMEOUT(collector.isRunning(), patience);
+        collector.kill();
+        QTRY_VERIFY_WITH_TIMEOUT(!collector.isRunning(), patience);
+        QCOMPARE(chunks.size() + errors.size(), 1);
     }
 
     void withoutACommandLineNothingIsStarted()

@@ -7,16 +7,13 @@
 
 #include <unistd.h>
 
-using namespace Qt::StringLiterals;
-
 namespace {
 
 /// The name and the lines of a scenario, or of a step in tests/steps.txt.
 using Block = std::pair<QByteArray, QByteArrayList>;
 using Settings = QHash<QByteArray, QByteArray>;
 
-/// Reads names, each with its lines indented below it. A line that is indented deeper goes on with
-/// the line above it.
+/// Reads names with indented lines below them. A deeper line goes on with the line above it.
 QList<Block> blocksOf(const QString &path)
 {
     QList<Block> blocks;
@@ -61,8 +58,7 @@ QByteArray errorOfDebugger()
     return debugger.errorString().toUtf8();
 }
 
-/// Runs \a command until it and all that it has started are over. Returns what they have written, and
-/// its exit code.
+/// Runs \a command and all that it starts to their end. Returns their output and its exit code.
 std::pair<QByteArray, int> outputOf(const QStringList &command, const QStringList &environment)
 {
     QProcess process;

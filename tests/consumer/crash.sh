@@ -6,8 +6,7 @@ set -eu
 [ -w "$1" ] || { echo "skipped: cmake --install writes into the build folder"; exit 77; }
 folder=$(mktemp -d)
 trap 'rm -rf "$folder"' EXIT
-cmake --install "$1" --prefix "$folder/prefix" > "$folder/install.log"
-cd "$folder"
+cd "$folder" && cmake --install "$1" --prefix "$folder/prefix" > install.log
 cat > mail.cpp << 'END'
 #include <vastel-mail/crashreporting.h>
 #include <cerrno>
