@@ -10,7 +10,6 @@ while [ -e "$PROBE_FOLDER/run-$run" ]; do run=$((run + 1)); done
 for file in cmdline environ; do cat "/proc/$$/$file" > "$PROBE_FOLDER/$file-$run"; done
 {
     cat "/proc/$$/cmdline"
-    echo
     sort -z -T "$PROBE_FOLDER" "/proc/$$/environ" # a restart does not keep their order
     grep -E 'Sig(Blk|Ign)|Umask' /proc/self/status
     ls /proc/self/fd
