@@ -5,7 +5,8 @@
 set -eu
 [ -w "$1" ] || { echo "skipped: cmake --install writes into the build folder"; exit 77; }
 folder=$(mktemp -d)
-trap 'rm -rf "$folder"' EXIT
+[ -e /tmp/vastel-mail ] && made='' || made=/tmp/vastel-mail
+trap 'rm -rf "$folder"; [ -z "$made" ] || rmdir "$made"' EXIT
 cd "$folder" && cmake --install "$1" --prefix "$folder/prefix" > install.log
 cat > mail.cpp << 'END'
 #include <vastel-mail/crashreporting.h>
