@@ -128,7 +128,7 @@ private Q_SLOTS:
         QVERIFY(!QFile::exists(answer.at(1)));
     }
 
-    void aDebuggerWithoutCommandsIsNotHeard()
+    void aDebuggerWithoutCommandsIsNotHeardButTheNextOneIs()
     {
         qputenv("TMPDIR", "/proc");
         writeProgram("gdb", "#!/bin/sh\necho unheard; exec sleep 1000");
@@ -140,6 +140,10 @@ private Q_SLOTS:
         collector.kill();
         QTRY_VERIFY_WITH_TIMEOUT(!collector.isRunning(), patience);
         QCOMPARE(chunks.size() + errors.size(), 1);
+        qputenv("TMPDIR", path());
+        writeProgram("gdb", "#!/bin/sh\necho heard");
+        collector.start(1);
+        QTRY_COMPARE_WITH_TIMEOUT(chunks.size(), 1, patience);
     }
 
     void withoutACommandLineNothingIsStarted()

@@ -223,7 +223,6 @@ private Q_SLOTS:
         QTest::newRow("null-pointer") << nullPointer;
         QTest::newRow("early-abort") << QByteArray("abort|crash|in main");
         QTest::newRow("early-stack-overflow") << QByteArray("countNestedReplies|").repeated(200);
-        QTest::newRow("early-second-thread") << "\"mail-fetch\"|" + nullPointer;
         QTest::newRow("early-two-threads") << nullPointer + '|' + nullPointer;
         QTest::newRow("early-forked-child") << nullPointer;
     }

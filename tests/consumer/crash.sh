@@ -12,6 +12,7 @@ cat > mail.cpp << 'END'
 #include <vastel-mail/crashreporting.h>
 #include <cerrno>
 #include <cstdlib>
+#include <string>
 crashreporting::Settings settings;
 int refusal(const char *appName, const char *handlerPath)
 {
@@ -22,9 +23,9 @@ int overflow(int n) { volatile char frame[4096] = ""; return overflow(n + frame[
 int main(int, char *argv[])
 {
     const int number = std::atoi(argv[1]);
-    if (refusal(nullptr, nullptr) != EINVAL || refusal("-x", nullptr) != EINVAL
-        || refusal("x", "/nowhere") != ENOENT || refusal("x", "/") != EACCES
-        || refusal("x", "mail.cpp") != EACCES || refusal("consumer", nullptr) != 0)
+    if (refusal(nullptr, nullptr) != EINVAL || refusal("-x", nullptr) != EINVAL || refusal("x", "/") != EACCES
+        || refusal("x", "mail.cpp") != EACCES || refusal("consumer", nullptr) != 0
+        || refusal(std::string(5000, 'x').c_str(), nullptr) != ENAMETOOLONG)
         return EXIT_FAILURE;
     delete new crashreporting::AlternateSignalStack; // the stack of install() is back
     return number == SIGSEGV ? overflow(0) : std::raise(number);
