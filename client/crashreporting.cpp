@@ -136,7 +136,7 @@ void reportCrash(int signalNumber)
         return;
     }
 
-    // If it is ignored, the child's end cannot be waited for.
+    // If it is ignored, waitpid(2) may wait for all children of the application (wait(2)).
     setDefaultAction(SIGCHLD);
 
     // fork(3) would run the handlers of pthread_atfork(3) and take the allocator's lock.
