@@ -3,11 +3,9 @@
 #include <algorithm>
 #include <array>
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -70,30 +68,6 @@ void outliveWarnings()
     ::unsetenv("QT_FATAL_CRITICALS");
 }
 
-/// A full pipe as standard error would stop this program for ever if its reader is the crashed
-/// application itself, which waits for this program. Rather than wait, lose log lines.
-void keepLogFromWaiting()
-{
-    struct stat status = {};
-    if (::fstat(STDERR_FILENO, &status) == -1 || !S_ISFIFO(status.st_mode))
-        return;
-    // O_NONBLOCK belongs to the open pipe, which other processes share. So it is set on a pipe
-    // opened anew. Without any reader this open fails; writes to the inherited descriptor then fail
-    // at once as well.
-    const int descriptor = ::open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-    std::FILE *log = descriptor == -1 ? nullptr : ::fdopen(descriptor, "w");
-    if (log == nullptr)
-        return;
-    // The default limit for an ordinary user (pipe(7)). A slow reader misses nothing as long as the
-    // unread lines fit. If the system refuses the size, the pipe keeps its own.
-    constexpr int pipeSize = 1024 * 1024;
-    ::fcntl(descriptor, F_SETPIPE_SZ, pipeSize);
-    std::setvbuf(log, nullptr, _IONBF, 0);
-    // Qt's message handler and this program's own messages write to this stream, not to the
-    // descriptor. gdb and the restarted application inherit the descriptor, unchanged.
-    stderr = log;
-}
-
 } // namespace
 
 void resetInheritedState()
@@ -106,5 +80,4 @@ void resetInheritedState()
     // could end this program.
     unblockSignals();
     outliveWarnings();
-    keepLogFromWaiting();
 }

@@ -8,9 +8,8 @@
 ///   from here: the debugger and the restarted application. SIGPIPE and SIGXFSZ do not end this
 ///   program.
 /// - The descriptors 0, 1 and 2 are open, on /dev/null where they were closed. All others are
-///   closed. If standard error is a pipe, one is added for the log; execve(2) closes it.
-/// - No log line ends this program: QT_FATAL_WARNINGS and QT_FATAL_CRITICALS are unset. When
-///   standard error is a pipe, no log line makes this program wait: what does not fit is dropped.
+///   closed.
+/// - No log line ends this program: QT_FATAL_WARNINGS and QT_FATAL_CRITICALS are unset.
 ///
 /// The restarted application needs everything else as it was: umask, working directory and resource
 /// limits.

@@ -1,4 +1,5 @@
 #include "app/inheritedstate.h"
+#include "app/standarderror.h"
 #include "crash/crashhandler.h"
 
 #include <QCommandLineParser>
@@ -28,13 +29,10 @@ void keepFreedBuffers()
 
 [[noreturn]] void exitWithUsage()
 {
-    QTextStream standardError(stderr);
     const QString usage
         = u"This crash handler will be called by main program. Do not call this manually.\n"_s;
     qCritical() << usage;
-    standardError << usage;
-    // exit() does not destroy the stream, which would flush it.
-    standardError.flush();
+    QTextStream(stderr) << usage;
     std::exit(EXIT_FAILURE);
 }
 
@@ -43,6 +41,7 @@ void keepFreedBuffers()
 int main(int argc, char *argv[])
 {
     resetInheritedState();
+    boundWaitsOfStandardError();
     keepFreedBuffers();
     qInfo() << "Starting crash handler";
     const QCoreApplication application(argc, argv);
