@@ -3,7 +3,13 @@
 #include "util/ownerumask.h"
 
 #include <QDebug>
+#include <QDir>
+#include <QProcessEnvironment>
 #include <QTemporaryFile>
+
+#include <cstdlib>
+
+#include <unistd.h>
 
 using namespace Qt::StringLiterals;
 
@@ -20,6 +26,34 @@ constexpr qint64 commandScriptSize = sizeof commandScript - 1; // without the te
 QString errorDescription(const QProcess &process)
 {
     return u"QProcess: "_s + process.errorString();
+}
+
+/// Returns the environment \a inherited without what an application sets for itself and what keeps
+/// the debugger from its work.
+QProcessEnvironment debuggerEnvironment(QProcessEnvironment inherited)
+{
+    for (const QStringList names = inherited.keys(); const QString &name : names) {
+        // The debugger embeds Python, and has libraries of its own.
+        if (name.startsWith(u"PYTHON") || name.startsWith(u"LD_"))
+            inherited.remove(name);
+    }
+    // It would ask in the report whether it may use a server, and nothing here may reach a network.
+    inherited.remove(u"DEBUGINFOD_URLS"_s);
+    // The crash handler and readers of reports look for the untranslated texts of the debugger, and
+    // its output is decoded as UTF-8. LANGUAGE would translate even in this locale.
+    inherited.insert(u"LC_ALL"_s, u"C.UTF-8"_s);
+    inherited.remove(u"LANGUAGE"_s);
+    return inherited;
+}
+
+/// Returns the working directory for the debugger, or an empty string for the inherited one. If that
+/// has been removed, gdb 13 would crash at its start.
+QString debuggerDirectory()
+{
+    char *const inherited = ::getcwd(nullptr, 0);
+    const bool isRemoved = inherited == nullptr;
+    std::free(inherited);
+    return isRemoved ? QDir::rootPath() : QString();
 }
 
 /// Creates the file on disk. Returns false when that fails.
@@ -75,6 +109,8 @@ void BacktraceCollector::start(qint64 pid)
         u"--nx"_s, // no initialisation files
         u"--batch"_s, u"--command"_s, createCommandFile(), u"--pid"_s, QString::number(pid),
     };
+    d->process.setProcessEnvironment(debuggerEnvironment(QProcessEnvironment::systemEnvironment()));
+    d->process.setWorkingDirectory(debuggerDirectory());
     d->process.start(u"gdb"_s, arguments, QIODevice::ReadWrite);
 }
 

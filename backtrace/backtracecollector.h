@@ -31,6 +31,12 @@ public:
     /// Writes the command file and launches "gdb", found on the search path, attached to the
     /// process \a pid. Returns without waiting for the debugger.
     ///
+    /// The debugger has the environment and the working directory of this process, except:
+    ///
+    /// - Variables that begin with PYTHON or LD_, LANGUAGE and DEBUGINFOD_URLS are unset.
+    /// - LC_ALL is C.UTF-8.
+    /// - If the working directory has been removed, the debugger starts in "/".
+    ///
     /// When the command file cannot be created or written, which is logged as critical, error() is
     /// emitted before this returns. The debugger is launched all the same, without commands, but
     /// nothing that it does is reported. error() can also be emitted before this returns when the

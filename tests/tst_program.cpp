@@ -52,6 +52,7 @@ QByteArray errorOfDebugger()
     const QByteArray searchPath = qgetenv("PATH");
     qputenv("PATH", QFile::encodeName(QDir::currentPath()));
     QProcess debugger;
+    debugger.setEnvironment({u"A=B"_s});
     debugger.start(u"gdb"_s, QStringList());
     debugger.waitForFinished(patience);
     qputenv("PATH", searchPath);
