@@ -12,10 +12,10 @@ class CrashHandlerPrivate;
 /// file, starts the application again, and ends the event loop.
 ///
 /// The entry function constructs it on the main thread, calls run() once, and runs
-/// QCoreApplication::exec(). It ends that event loop with status 0 when the backtrace is complete
-/// or its collection has failed, even if that is known before the loop runs. The entry function
-/// destroys it after the loop and before the application object. A debugger that still runs then is
-/// killed.
+/// QCoreApplication::exec(). The handler ends that event loop with status 0 when the backtrace is
+/// complete or its collection has failed, even if that is known before the loop runs. The entry
+/// function destroys the handler after the loop and before the application object. A debugger that
+/// still runs then is killed.
 ///
 /// Steps are logged through logCrashHandler, unless stated otherwise. No operation waits for the
 /// debugger or for the restarted application. Only the destructor waits, for the end of a debugger
@@ -81,7 +81,6 @@ private:
     static void startApplication(const QStringList &commandLine, const QStringList &environment);
     /// Returns false, after a warning, when there is no usable command line.
     [[nodiscard]] bool collectRestartInfo();
-    void reportError(const QString &errorMessage);
     void markCurrentThread(const QString &backtrace);
 
     std::unique_ptr<CrashHandlerPrivate> d;

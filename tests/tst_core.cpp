@@ -1,7 +1,8 @@
 // Facts about single classes that the tests of the whole program cannot show.
 
+#include "backtrace/backtracecollector.h"
 #include "crash/crashhandler.h"
-#include "crash/crashhandler_p.h"
+#include "dump/dumpfile.h"
 #include "tests/support.h"
 #include "util/files.h"
 
