@@ -14,8 +14,8 @@ namespace {
 /// opened here. The log would then be written into the dump file, for example.
 void openStandardDescriptors()
 {
-    // open(2) returns the lowest free descriptor. The last one, above these three, is closed with
-    // the inherited ones.
+    // open(2) returns the lowest free descriptor, so /dev/null is opened until 0, 1 and 2 are taken.
+    // closefrom(3) closes the surplus one.
     int descriptor = STDIN_FILENO;
     while (descriptor != -1 && descriptor <= STDERR_FILENO)
         descriptor = ::open("/dev/null", O_RDWR);
@@ -60,8 +60,8 @@ void unblockSignals()
     ::sigprocmask(SIG_SETMASK, &none, nullptr);
 }
 
-/// With these variables, Qt aborts at the first warning, for example about a missing system file.
-/// The restarted application gets them back with the rest of its environment.
+/// With these variables, Qt aborts at the first warning, for example about a missing system file. If
+/// the application was started with them, it gets them back with the rest of its first environment.
 void outliveWarnings()
 {
     ::unsetenv("QT_FATAL_WARNINGS");

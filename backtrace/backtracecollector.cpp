@@ -100,8 +100,7 @@ BacktraceCollector::~BacktraceCollector()
 void BacktraceCollector::start(qint64 pid)
 {
     qInfo() << "Starting gdb process for backtrace collection";
-    // The signals of a debugger that has no commands are blocked (see createCommandFile()) as long
-    // as it runs.
+    // failWithoutCommands() blocks the signals of an earlier debugger as long as that runs.
     if (d->process.state() == QProcess::NotRunning)
         d->process.blockSignals(false);
     const QStringList arguments{
@@ -154,6 +153,7 @@ void BacktraceCollector::failWithoutCommands(const QString &errorMessage)
 void BacktraceCollector::onDebuggerOutputAvailable()
 {
     qDebug() << "Received new debugger output chunk";
+    // On Linux, Qt's local 8-bit encoding is always UTF-8, like the debugger's locale.
     const QString chunk = QString::fromLocal8Bit(d->process.readAll());
     d->output += chunk;
     Q_EMIT backtraceChunk(chunk);

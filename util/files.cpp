@@ -39,9 +39,8 @@ int openPrivately(const QString &path)
     return ::open(QFile::encodeName(path).constData(), flags, S_IRUSR | S_IWUSR);
 }
 
-/// True for a regular file that the user owns and that has a single name, and for a character
-/// device, which only root can create (mknod(2)). Anything else could have been planted there by
-/// another user.
+/// True for what no other user can have planted: a regular file that the user owns and that has a
+/// single name, or a character device such as /dev/null, which only root can create (mknod(2)).
 bool isTrustworthy(int descriptor)
 {
     struct stat status = {};
