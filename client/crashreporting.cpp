@@ -232,14 +232,14 @@ AlternateSignalStack::~AlternateSignalStack()
 bool install(const Settings &settings)
 {
     // The crash handler would take a name with a hyphen in front for an option.
-    if (settings.appName == nullptr || settings.appName[0] == '-')
+    if (settings.appName == nullptr || settings.appName[0] == '-'
+        || settings.handlerPath == nullptr)
         return refuse(EINVAL);
     const std::size_t appNameSize = std::strlen(settings.appName) + 1;
     if (appNameSize > appName.size())
         return refuse(ENAMETOOLONG);
     Text path;
-    if (!findProgram(settings.handlerPath == nullptr ? CRASH_HANDLER_PATH : settings.handlerPath,
-                     path))
+    if (!findProgram(settings.handlerPath, path))
         return false;
 
     void *const memory = mapMemory(sizeof(Process));

@@ -14,6 +14,7 @@ cat > mail.cpp << 'END'
 #include <cstdlib>
 #include <string>
 crashreporting::Settings settings;
+const char *const installed = settings.handlerPath;
 int refusal(const char *appName, const char *handlerPath)
 {
     settings.appName = appName, settings.handlerPath = handlerPath;
@@ -23,9 +24,10 @@ int overflow(int n) { volatile char frame[4096] = ""; return overflow(n + frame[
 int main(int, char *argv[])
 {
     const int number = std::atoi(argv[1]);
-    if (refusal(nullptr, nullptr) != EINVAL || refusal("-x", nullptr) != EINVAL || refusal("x", "/") != EACCES
-        || refusal("x", "mail.cpp") != EACCES || refusal("consumer", nullptr) != 0
-        || refusal(std::string(5000, 'x').c_str(), nullptr) != ENAMETOOLONG)
+    if (refusal(nullptr, installed) != EINVAL || refusal("-x", installed) != EINVAL
+        || refusal("x", nullptr) != EINVAL || refusal("x", "/") != EACCES
+        || refusal("x", "mail.cpp") != EACCES || refusal("consumer", installed) != 0
+        || refusal(std::string(5000, 'x').c_str(), installed) != ENAMETOOLONG)
         return EXIT_FAILURE;
     delete new crashreporting::AlternateSignalStack; // the stack of install() is back
     return number == SIGSEGV ? overflow(0) : std::raise(number);
