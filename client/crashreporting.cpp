@@ -1,4 +1,4 @@
-#include "client/crashreporting.h"
+#include "client/crashreporting_c.h"
 
 #include <array>
 #include <atomic>
@@ -18,7 +18,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-namespace crashreporting {
+/// Lies at the beginning of the memory of a signal stack.
+struct vastel_mail_signal_stack
+{
+    stack_t earlier;
+};
 
 namespace {
 
@@ -59,8 +63,9 @@ constexpr int permissionSignal = SIGUSR1;
 Process *installedProcess;
 Text handlerPath;
 Text appName;
-std::chrono::seconds minimumUptime;
+long long minimumUptime; // seconds
 timespec installTime;
+
 const char *signalName(int number)
 {
     for (const CrashSignal &signal : crashSignals) {
@@ -75,8 +80,8 @@ bool diedTooEarly()
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
     // In whole seconds: in a smaller unit, a large minimum would overflow.
-    const time_t begunSecond = now.tv_nsec < installTime.tv_nsec ? 1 : 0;
-    return std::chrono::seconds(now.tv_sec - installTime.tv_sec - begunSecond) < minimumUptime;
+    const time_t borrowed = now.tv_nsec < installTime.tv_nsec ? 1 : 0;
+    return now.tv_sec - installTime.tv_sec - borrowed < minimumUptime;
 }
 
 void setDefaultAction(int number)
@@ -86,11 +91,11 @@ void setDefaultAction(int number)
     sigaction(number, &action, nullptr);
 }
 
-/// Runs in the child: waits until it may trace its parent. Ends if the parent is killed: the crash
-/// handler takes its parent for the crashed process, and would then trace a stranger.
+/// Runs in the child: waits until it may trace its parent. Ends if the parent is killed.
 void waitForPermission(pid_t parent)
 {
     prctl(PR_SET_PDEATHSIG, SIGKILL, 0, 0, 0);
+    // If the parent is gone already, getppid(2) names another process, which must not be traced.
     if (getppid() != parent)
         _exit(EXIT_FAILURE);
     sigset_t permissionSignals;
@@ -113,12 +118,12 @@ void waitForPermission(pid_t parent)
     const char *const arguments[]
         = {handlerPath.data(), signalName(signalNumber), appName.data(), restart, nullptr};
     // execv(3) takes pointers to non-const, but does not write through them.
-    char *const *const vector = const_cast<char *const *>(arguments);
-    execv(handlerPath.data(), vector);
+    char *const *const argv = const_cast<char *const *>(arguments);
+    execv(handlerPath.data(), argv);
     // The crash may have damaged the environment, which the restart does not need: it is read from
     // /proc/PID/environ.
     char *const noVariables[] = {nullptr};
-    execve(handlerPath.data(), vector, noVariables);
+    execve(handlerPath.data(), argv, noVariables);
     _exit(commandNotFound);
 }
 
@@ -127,11 +132,11 @@ void reportCrash(int signalNumber)
 {
     // Only the first crash is reported. Every later thread waits here, so that the report shows
     // where it stood, until the first one ends the process. The first thread can come back: if
-    // SIGABRT does not end the process, abort(3) raises another signal. It then returns, to end by
-    // that one.
-    pid_t crashedThread = 0;
-    if (!installedProcess->crashedThread.compare_exchange_strong(crashedThread, gettid())) {
-        while (crashedThread != gettid())
+    // SIGABRT does not end the process, which is the first one of a container, abort(3) raises
+    // another signal. The thread must not wait then.
+    pid_t firstThread = 0;
+    if (!installedProcess->crashedThread.compare_exchange_strong(firstThread, gettid())) {
+        while (firstThread != gettid())
             pause();
         return;
     }
@@ -154,8 +159,10 @@ void reportCrash(int signalNumber)
     while (waitpid(child, nullptr, 0) == -1 && errno == EINTR) { }
 }
 
-/// The signal handler. It and what it calls are async-signal-safe (signal-safety(7)): the crash may
-/// have left any lock taken.
+/// The signal handler. The crash may have left any lock taken, so everything that it calls is
+/// async-signal-safe. signal-safety(7) lists most of that. The rest are plain system calls in glibc
+/// (prctl, gettid, closefrom on Linux 5.9 and later), and pthread_setcancelstate(), which sets flags
+/// of the thread, and _Fork(), which POSIX.1-2024 lists.
 void onCrash(int signalNumber)
 {
     // A thread that is cancelled in waitpid(2) or pause(2) would leave this function, and the
@@ -189,75 +196,78 @@ std::size_t signalStackSize()
     return std::size_t{64} * 1024 + static_cast<std::size_t>(sysconf(_SC_MINSIGSTKSZ));
 }
 
-bool refuse(int reason)
+int refuse(int reason)
 {
     errno = reason;
-    return false;
+    return -1;
 }
 
 /// Sets \a found to the absolute path of the program \a path, which a later chdir(2) does not
-/// change.
-bool findProgram(const char *path, Text &found)
+/// change. Returns 0, or -1 with errno.
+int findProgram(const char *path, Text &found)
 {
     struct stat status;
     if (realpath(path, found.data()) == nullptr || stat(found.data(), &status) == -1)
-        return false;
+        return -1;
     // As execve(2), which refuses folders and devices by this error.
     if (!S_ISREG(status.st_mode))
         return refuse(EACCES);
-    return faccessat(AT_FDCWD, found.data(), X_OK, AT_EACCESS) == 0;
+    return faccessat(AT_FDCWD, found.data(), X_OK, AT_EACCESS);
 }
 
 } // namespace
 
-AlternateSignalStack::AlternateSignalStack()
-    : memory(mapMemory(signalStackSize()))
+struct vastel_mail_signal_stack *vastel_mail_begin_signal_stack()
 {
+    const std::size_t size = signalStackSize();
+    void *const memory = mapMemory(size);
     if (memory == nullptr)
-        return; // without one, only a stack overflow of this thread goes unreported
+        return nullptr;
+    auto *const begun = new (memory) vastel_mail_signal_stack{};
     stack_t stack = {};
-    stack.ss_sp = memory;
-    stack.ss_size = signalStackSize();
-    sigaltstack(&stack, &earlierStack);
+    stack.ss_sp = begun + 1;
+    stack.ss_size = size - sizeof *begun;
+    sigaltstack(&stack, &begun->earlier);
+    return begun;
 }
 
-AlternateSignalStack::~AlternateSignalStack()
+void vastel_mail_end_signal_stack(struct vastel_mail_signal_stack *stack)
 {
-    if (memory == nullptr)
+    if (stack == nullptr)
         return;
-    sigaltstack(&earlierStack, nullptr);
-    munmap(memory, signalStackSize());
+    sigaltstack(&stack->earlier, nullptr);
+    munmap(stack, signalStackSize());
 }
 
-bool install(const Settings &settings)
+int vastel_mail_install_crash_reporting(const struct vastel_mail_crash_settings *settings)
 {
     // The crash handler would take a name with a hyphen in front for an option.
-    if (settings.appName == nullptr || settings.appName[0] == '-'
-        || settings.handlerPath == nullptr)
+    if (settings->app_name == nullptr || settings->app_name[0] == '-'
+        || settings->handler_path == nullptr)
         return refuse(EINVAL);
-    const std::size_t appNameSize = std::strlen(settings.appName) + 1;
+    const std::size_t appNameSize = std::strlen(settings->app_name) + 1;
     if (appNameSize > appName.size())
         return refuse(ENAMETOOLONG);
     Text path;
-    if (!findProgram(settings.handlerPath, path))
-        return false;
+    if (findProgram(settings->handler_path, path) == -1)
+        return -1;
 
     void *const memory = mapMemory(sizeof(Process));
     if (memory == nullptr)
-        return false;
+        return -1;
 
     // Nothing fails from here on. Kernels before 4.14 refuse this advice: a forked child is then
     // recognized by its process ID only.
     madvise(memory, sizeof(Process), MADV_WIPEONFORK);
     installedProcess = new (memory) Process{getpid(), 0};
     handlerPath = path;
-    std::memcpy(appName.data(), settings.appName, appNameSize);
-    minimumUptime = settings.minimumUptime;
+    std::memcpy(appName.data(), settings->app_name, appNameSize);
+    minimumUptime = settings->minimum_uptime;
     clock_gettime(CLOCK_MONOTONIC, &installTime);
 
-    // Kept until the process ends: the main thread can crash at any moment up to then.
-    alignas(AlternateSignalStack) static std::byte mainThreadStack[sizeof(AlternateSignalStack)];
-    new (mainThreadStack) AlternateSignalStack;
+    // Never ended: the main thread can crash at any moment until the process ends. Without it, only
+    // a stack overflow goes unreported.
+    vastel_mail_begin_signal_stack();
 
     struct sigaction action = {};
     action.sa_handler = onCrash;
@@ -272,7 +282,5 @@ bool install(const Settings &settings)
         sigaddset(&unblocked, signal.number);
     }
     pthread_sigmask(SIG_UNBLOCK, &unblocked, nullptr);
-    return true;
+    return 0;
 }
-
-} // namespace crashreporting

@@ -24,6 +24,7 @@ int overflow(int n) { volatile char frame[4096] = ""; return overflow(n + frame[
 int main(int, char *argv[])
 {
     const int number = std::atoi(argv[1]);
+    const char *const path = settings.handlerPath;
     if (refusal(nullptr, installed) != EINVAL || refusal("-x", installed) != EINVAL
         || refusal("x", nullptr) != EINVAL || refusal("x", "/") != EACCES
         || refusal("x", "mail.cpp") != EACCES || refusal("consumer", installed) != 0

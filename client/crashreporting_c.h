@@ -1,0 +1,61 @@
+#pragma once
+
+// Starts the crash handler when the application crashes. This is the interface for C (C11) and for
+// every language that can call C; crashreporting.h wraps it for C++. integration.md is the guide.
+//
+// The library is static: a program always has the library of the headers that it was compiled with.
+// So a later version may add fields to the settings. VASTEL_MAIL_CRASH_SETTINGS_INIT fills them in.
+
+#include <vastel-mail/handlerpath.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+struct vastel_mail_crash_settings
+{
+    /// The application's name as the report is to show it, in UTF-8.
+    const char *app_name;
+    /// The path of the crash handler.
+    const char *handler_path;
+    /// Seconds. An application that crashes earlier than this after the installation is not started
+    /// again: a crash at every start must not become an endless loop of crashes.
+    long long minimum_uptime;
+};
+
+// The crash handler that is installed with this header, and a minimum uptime for most applications.
+// Only the name has no default.
+#define VASTEL_MAIL_CRASH_MINIMUM_UPTIME 10
+#define VASTEL_MAIL_CRASH_SETTINGS_INIT                                                            \
+    {                                                                                              \
+        0, VASTEL_MAIL_CRASH_HANDLER_PATH, VASTEL_MAIL_CRASH_MINIMUM_UPTIME                        \
+    }
+
+/// From here on SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP and SIGSYS start the crash
+/// handler; the process then ends by that signal. Call it once, on the main thread, first thing in
+/// main().
+///
+/// A forked child is not reported and ends by its signal alone, unless it calls this itself.
+///
+/// Returns 0. Returns -1, with errno set, when crashes cannot be reported; nothing is changed then.
+/// EINVAL: the name or the path is null, or the name begins with a hyphen. ENAMETOOLONG: a text has
+/// PATH_MAX bytes or more. EACCES: the crash handler is not a file that this process may execute.
+/// All others are those of realpath(3) and mmap(2). The settings are copied.
+int vastel_mail_install_crash_reporting(const struct vastel_mail_crash_settings *settings);
+
+struct vastel_mail_signal_stack;
+
+/// Gives the calling thread a stack on which its stack overflow can be handled. The installation
+/// does so for the main thread. Call it in every further thread, first thing in its function.
+///
+/// Returns null, with errno set by mmap(2), when there is no memory: only a stack overflow of this
+/// thread goes unreported then.
+struct vastel_mail_signal_stack *vastel_mail_begin_signal_stack(void);
+
+/// Gives the calling thread the signal stack back that it had before \a stack, and frees \a stack.
+/// Call it in the same thread, last thing in its function. Null is ignored.
+void vastel_mail_end_signal_stack(struct vastel_mail_signal_stack *stack);
+
+#ifdef __cplusplus
+}
+#endif
