@@ -1,12 +1,9 @@
-// Stands in for a crashed application: runs a command as its child and prints what that cost.
-//
-// Usage: crashed-application THREADS COMMAND [ARGUMENT...]
-//   THREADS  how many threads wait, each 20 frames deep, while the command runs
-//
-// Prints one line: elapsed seconds, seconds of processor time of the command and its children, and the
-// largest resident set of any of them in KiB.
+// Stands in for a crashed application: crashedapplication THREADS COMMAND [ARGUMENT...]
+// runs the command as its child while that many threads wait, each 20 frames deep. Prints elapsed seconds,
+// seconds of processor time, and the peak memory of the largest process in KiB.
 
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <latch>
@@ -18,55 +15,40 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-namespace {
-
-using Seconds = std::chrono::duration<double>;
-
-constexpr int framesOfThread = 20;
-
-int waitDeep(int depth, std::latch &threadsReady) // NOLINT(misc-no-recursion): each call is a frame
+static void waitDeep(int depth, std::latch &threadsReady) // NOLINT(misc-no-recursion): a frame each
 {
-    const double ratio = depth / 3.0;
-    const char *const folder = "inbox";
-    if (depth < framesOfThread)
-        return waitDeep(depth + 1, threadsReady) + static_cast<int>(ratio) + folder[0];
+    if (depth < 20)
+        return waitDeep(depth + 1, threadsReady);
     threadsReady.count_down();
-    return pause(); // until the process ends
+    pause(); // until the process ends
 }
 
-Seconds duration(const timeval &time)
+static double seconds(const timeval &time)
 {
-    return std::chrono::seconds(time.tv_sec) + std::chrono::microseconds(time.tv_usec);
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
 }
-
-} // namespace
 
 int main(int argc, char *argv[])
 {
-    if (argc < 3)
-        return EXIT_FAILURE;
-    const int threads = std::atoi(argv[1]);
+    const int threads = argc > 2 ? std::atoi(argv[1]) : 0;
     std::latch threadsReady(threads);
     for (int i = 0; i < threads; ++i)
         std::thread([&] { waitDeep(1, threadsReady); }).detach();
     threadsReady.wait();
-
-    // Where the Yama security module is active, a descendant needs permission to trace this process.
-    prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY, 0, 0, 0);
+    prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY, 0, 0, 0); // Yama asks for the permission to trace
+    // An interrupted benchmark cleans up after this process, so the command ends first.
+    for (const int signalNumber : {SIGHUP, SIGINT, SIGTERM})
+        std::signal(signalNumber, [](int) {});
 
     const auto start = std::chrono::steady_clock::now();
     pid_t child = 0;
-    if (posix_spawnp(&child, argv[2], nullptr, nullptr, argv + 2, environ) != 0)
-        return EXIT_FAILURE;
-    int status = 0;
+    int status = posix_spawnp(&child, argv[2], nullptr, nullptr, argv + 2, environ);
     rusage usage = {};
-    if (wait4(child, &status, 0, &usage) == -1)
-        return EXIT_FAILURE;
-    const Seconds elapsed = std::chrono::steady_clock::now() - start;
-
-    std::printf("%.6f %.6f %ld\n", elapsed.count(),
-                (duration(usage.ru_utime) + duration(usage.ru_stime)).count(), usage.ru_maxrss);
+    if (status == 0)
+        wait4(child, &status, 0, &usage);
+    const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
+    std::printf("%f %f %ld\n", elapsed.count(), seconds(usage.ru_utime) + seconds(usage.ru_stime),
+                usage.ru_maxrss);
     std::fflush(stdout);
-    // exit() would destroy objects that the waiting threads still use.
-    _exit(status == 0 ? EXIT_SUCCESS : EXIT_FAILURE);
+    _exit(status == 0 ? EXIT_SUCCESS : EXIT_FAILURE); // exit() would destroy what the threads use
 }
