@@ -7,9 +7,8 @@ set -euo pipefail
 
 script_name=$(basename "$0")
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
-log_folder=$PWD/build/log
-log_file=$log_folder/$script_name.log
-mkdir -p "$log_folder"
+mkdir -p build/log
+log_file=$PWD/build/log/$script_name.log
 : > "$log_file"
 
 # Colours on a terminal only: they make files and CI logs unreadable.
@@ -39,16 +38,6 @@ quietly() {
     fi
 }
 
-# missing_packages NAME...: prints those that are not installed.
-missing_packages() {
-    local name
-    for name in "$@"; do
-        if [ "$(dpkg-query -W -f '${db:Status-Status}' "$name" 2> /dev/null)" != installed ]; then
-            printf '%s\n' "$name"
-        fi
-    done
-}
-
 # ensure_packages NAME...: installs the missing ones, as root or through sudo. If neither is possible, says
 # what to run as root and ends the script.
 ensure_packages() {
@@ -56,8 +45,10 @@ ensure_packages() {
         fail "this system has no apt-get; install the contents of these Debian packages, then build by hand: $*"
     fi
 
-    local missing
-    mapfile -t missing < <(missing_packages "$@")
+    local name missing=()
+    for name in "$@"; do
+        [ "$(dpkg-query -W -f '${db:Status-Status}' "$name" 2> /dev/null)" = installed ] || missing+=("$name")
+    done
     [ "${#missing[@]}" -gt 0 ] || return 0
 
     local as_root=()
@@ -76,14 +67,15 @@ ensure_packages() {
         -o DPkg::Lock::Timeout=120 install -y --no-install-recommends "${missing[@]}"
 }
 
-# build PRESET [TARGET...]: configures the preset and builds the targets, or everything if none is given.
+# build PRESET: configures the preset and builds everything.
 build() {
-    local preset=$1
-    shift
-    step "Building ($preset)"
-    quietly cmake --preset "$preset"
-    quietly cmake --build --preset "$preset" ${1:+--target "$@"}
+    step "Building ($1)"
+    quietly cmake --preset "$1"
+    quietly cmake --build --preset "$1"
 }
 
-# shellcheck disable=SC2034 # for the scripts that source this
+# For the scripts that source this:
+# shellcheck disable=SC2034
 build_packages=(cmake g++ ninja-build qt6-base-dev)
+# shellcheck disable=SC2034
+test_packages=("${build_packages[@]}" diffutils gdb pkgconf)
