@@ -45,28 +45,34 @@ void setTerminalStop(int how)
 /// timer interrupts a write that waits.
 ssize_t writePatiently(void * /*cookie*/, const char *text, std::size_t size)
 {
-    static timeval patience{1, 0}; // what is left of it; passes in this function only
+    static timeval patience{1, 0}; // what is left of it; passes only while a text has to wait
     const itimerval running{repetition, isPatienceOver != 0 ? repetition : patience};
     setTerminalStop(SIG_BLOCK);
     ::setitimer(ITIMER_REAL, &running, nullptr);
 
     std::size_t written = 0;
-    while (written < size && (isPatienceOver == 0 || isWritable(0))) {
-        // A pipe or a terminal that is writable can take this much without a wait (pipe(7)).
+    bool hasWaited = false;
+    while (written < size) {
+        const bool mustWait = !isWritable(0);
+        if (mustWait && isPatienceOver != 0)
+            break;
+        hasWaited = hasWaited || mustWait;
+        // A pipe that is writable takes this much without a wait (pipe(7)).
         const std::size_t piece = std::min<std::size_t>(size - written, PIPE_BUF);
         const ssize_t count = ::write(STDERR_FILENO, text + written, piece);
         if (count > 0)
             written += static_cast<std::size_t>(count);
         else if (count == -1 && errno == EAGAIN && isPatienceOver == 0)
             isWritable(-1); // was inherited with O_NONBLOCK
-        else if (count == 0 || errno != EINTR)
+        else if (count == 0 || errno != EINTR || isPatienceOver != 0)
             break;
     }
 
     const itimerval stopped{};
     itimerval rest{};
     ::setitimer(ITIMER_REAL, &stopped, &rest);
-    patience = rest.it_value;
+    if (hasWaited)
+        patience = rest.it_value;
     setTerminalStop(SIG_UNBLOCK);
     // What is lost is no error of the stream: the next text may fit.
     return static_cast<ssize_t>(size);

@@ -1,12 +1,12 @@
 #pragma once
 
-// The interface for C++, a layer without code of its own over crashreporting_c.h, which documents
+// The interface for C++17, a layer without code of its own over crashreporting_c.h, which documents
 // the operations. integration.md is the guide.
 
 #include <vastel-mail/crashreporting_c.h>
 
 #include <chrono>
-#include <csignal> // for applications that have relied on it
+#include <csignal> // so that applications have the names of the signals as well
 
 /// Starts the crash handler when the application crashes.
 namespace crashreporting {

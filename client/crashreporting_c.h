@@ -3,8 +3,9 @@
 // Starts the crash handler when the application crashes. This is the interface for C (C11) and for
 // every language that can call C; crashreporting.h wraps it for C++. integration.md is the guide.
 //
-// The library is static: a program always has the library of the headers that it was compiled with.
-// So a later version may add fields to the settings. VASTEL_MAIL_CRASH_SETTINGS_INIT fills them in.
+// A later version may add fields to the settings. VASTEL_MAIL_CRASH_SETTINGS_INIT fills them in. The
+// library is static, so a program that was linked stays as it is. What is compiled with other headers
+// than those of the library must not be linked with it.
 
 #include <vastel-mail/handlerpath.h>
 
