@@ -161,8 +161,8 @@ void reportCrash(int signalNumber)
 
 /// The signal handler. The crash may have left any lock taken, so everything that it calls is
 /// async-signal-safe. signal-safety(7) lists most of that. The rest are plain system calls in glibc
-/// (prctl, gettid, closefrom on Linux 5.9 and later), and pthread_setcancelstate(), which sets flags
-/// of the thread, and _Fork(), which POSIX.1-2024 lists.
+/// (prctl, gettid, sigwaitinfo, closefrom), pthread_setcancelstate(), which sets flags of the thread,
+/// and _Fork(), which POSIX.1-2024 lists.
 void onCrash(int signalNumber)
 {
     // A thread that is cancelled in waitpid(2) or pause(2) would leave this function, and the

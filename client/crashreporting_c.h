@@ -19,8 +19,8 @@ struct vastel_mail_crash_settings
     const char *app_name;
     /// The path of the crash handler.
     const char *handler_path;
-    /// Seconds. An application that crashes earlier than this after the installation is not started
-    /// again: a crash at every start must not become an endless loop of crashes.
+    /// Seconds; 10 by default. An application that crashes earlier than this after the installation
+    /// is not started again: a crash at every start must not become an endless loop of crashes.
     long long minimum_uptime;
 };
 
@@ -33,8 +33,8 @@ struct vastel_mail_crash_settings
     }
 
 /// From here on SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP and SIGSYS start the crash
-/// handler; the process then ends by that signal. Call it once, on the main thread, first thing in
-/// main().
+/// handler; the process then ends by that signal. Call it once in a process, on the main thread,
+/// first thing in main().
 ///
 /// A forked child is not reported and ends by its signal alone, unless it calls this itself.
 ///

@@ -61,7 +61,8 @@ QStringList decodedUtf8(const QStringList &latin1)
     return texts;
 }
 
-/// Returns \a environment with \a entries, normally NAME=VALUE, laid over it.
+/// Returns \a environment with \a entries, normally NAME=VALUE, laid over it: if the entries could
+/// not be read, the application still gets an environment.
 QProcessEnvironment overlaid(QProcessEnvironment environment, const QStringList &entries)
 {
     for (const QString &entry : entries) {

@@ -29,8 +29,9 @@ public:
     /// folder, "/tmp/vastel-mail" when it is empty. It is created together with its missing
     /// parents; the umask takes no rights from the owner (see OwnerUmask). If that fails, it is
     /// logged as critical and as warning, and the file goes to QDir::tempPath(), even if that folder
-    /// does not exist. Anything that exists at the folder's path, even a file, is taken for the
-    /// folder; if it is none, every write fails. A header that cannot be written is logged and lost.
+    /// does not exist. Anything that exists at the folder's path is taken for the folder: a symbolic
+    /// link is followed, and if it is a file, every write fails. A header that cannot be written is
+    /// logged and lost.
     DumpFile(const QString &appName, const QString &signalName, const QString &dumpDirectory,
              QObject *parent = nullptr);
     ~DumpFile() override;
