@@ -110,7 +110,7 @@ private Q_SLOTS:
 
     void aDebuggerThatRunsIsKilledWithoutASignalWhenItsCollectorIsDestroyed()
     {
-        writeProgram("gdb", "#!/bin/sh\necho $$ $5 $7; exec sleep 1000\n");
+        writeProgram("gdb", "echo $$ $5 $7; exec sleep 1000\n");
         auto collector = std::make_unique<BacktraceCollector>();
         const QSignalSpy chunks(collector.get(), &BacktraceCollector::backtraceChunk);
         const QSignalSpy backtraces(collector.get(), &BacktraceCollector::backtrace);
@@ -132,7 +132,7 @@ private Q_SLOTS:
     void aDebuggerWithoutCommandsIsNotHeardButTheNextOneIs()
     {
         qputenv("TMPDIR", "/proc");
-        writeProgram("gdb", "#!/bin/sh\necho unheard; exec sleep 1000");
+        writeProgram("gdb", "echo unheard; exec sleep 1000");
         BacktraceCollector collector;
         const QSignalSpy chunks(&collector, &BacktraceCollector::backtraceChunk);
         const QSignalSpy errors(&collector, &BacktraceCollector::error);
@@ -142,7 +142,7 @@ private Q_SLOTS:
         QTRY_VERIFY_WITH_TIMEOUT(!collector.isRunning(), patience);
         QCOMPARE(chunks.size() + errors.size(), 1);
         qputenv("TMPDIR", path());
-        writeProgram("gdb", "#!/bin/sh\necho heard");
+        writeProgram("gdb", "echo heard");
         collector.start(1);
         QTRY_COMPARE_WITH_TIMEOUT(chunks.size(), 1, patience);
     }
@@ -170,13 +170,12 @@ private Q_SLOTS:
     void debuggingAbortsARunningCollectionAndStartsTheApplication()
     {
         QFETCH(const bool, isRunning);
-        writeProgram("gdb", "#!/bin/sh\necho $$; exec sleep 1000\n");
+        writeProgram("gdb", "echo $$; exec sleep 1000\n");
         QProcess application;
         startApplication(application);
         CrashHandler handler(application.processId(), u"mail"_s, u"11"_s, false);
-        writeProgram(
-            "application",
-            "#!/bin/sh\ncat /proc/$$/environ > variables\necho \"$@\" > new\nmv new arguments\n");
+        writeProgram("application",
+                     "cat /proc/$$/environ > variables\necho \"$@\" > new\nmv new arguments\n");
         const QString dump = logLines.filter(u"Dump file path set"_s).value(0).section(u'"', 1, 1);
         const QByteArray header = contentOf(dump);
         if (isRunning) {
@@ -204,5 +203,8 @@ private Q_SLOTS:
     }
 };
 
-QTEST_GUILESS_MAIN(CoreTest)
+int main(int argc, char *argv[])
+{
+    return testMain<CoreTest>(argc, argv);
+}
 #include "tst_core.moc"

@@ -1,0 +1,26 @@
+#!/bin/sh
+# The application of tst_program: records what it was started with, then starts the crash handler and ends
+# with its exit status. Its arguments are part of the record, so variables say what it does:
+#   FOLDER   where it records its runs: run-0, run-1, ...
+#   RUNS     how often it runs; the last run does not crash
+#   CRASH    how it starts the crash handler, whose command line is "$@"
+#   HANDLER  path of the crash handler
+#   NAME     name that it gives itself in the report
+
+run=0
+while [ -e "$FOLDER/run-$run" ]; do run=$((run + 1)); done
+cat "/proc/$$/environ" > "$FOLDER/environ-$run"
+# posix_spawn(3), which ninja(1) uses, ignores the signals 32 and 33. Only the C library can change that.
+ignored=$((0x$(sed -n 's/^SigIgn:[[:space:]]*//p' /proc/self/status) & ~0x180000000))
+{
+    cat "/proc/$$/cmdline"
+    sort -z -T "$FOLDER" "/proc/$$/environ" # a restart does not keep their order
+    printf 'ignored signals: %x\n' "$ignored"
+    grep -E 'SigBlk|Umask' /proc/self/status
+    ls /proc/self/fd
+    readlink "/proc/$$/cwd"
+    cat /proc/self/limits
+} > "$FOLDER/run-$run"
+[ "$((run + 1))" -lt "$RUNS" ] || exit 0
+set -- "$HANDLER" SIGSEGV "$NAME"
+eval "$CRASH"
