@@ -49,7 +49,7 @@ bool makeOwnTmp()
     const int source = ::open(SOURCE_FOLDER, O_PATH | O_CLOEXEC);
     const int build = ::open(BUILD_FOLDER, O_PATH | O_CLOEXEC);
     if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == -1
-        || ::mount("tmpfs", "/tmp", "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777") == -1)
+        || ::mount("tmpfs", "/tmp", "tmpfs", MS_NOSUID, "mode=1777") == -1)
         return false;
     for (const auto &[path, descriptor] :
          {std::pair(u"" SOURCE_FOLDER ""_s, source), std::pair(u"" BUILD_FOLDER ""_s, build)}) {
@@ -200,6 +200,19 @@ void writeProgram(const QByteArray &name, const QByteArray &script)
     QCOMPARE(
         shell("cat > new << 'END'\n#!/bin/sh\n" + script + "\nEND\nchmod +x new; mv new " + name),
         0);
+}
+
+QStringList &keepLog()
+{
+    static QStringList log;
+    log.clear();
+    qInstallMessageHandler([](QtMsgType type, const QMessageLogContext &, const QString &text) {
+        // In the order of the enumeration.
+        static const QStringList levels{u"debug "_s, u"warning "_s, u"critical "_s, u"fatal "_s,
+                                        u"info "_s};
+        log.append(levels.at(type) + text);
+    });
+    return log;
 }
 
 QByteArray difference(const QByteArray &what, const QByteArray &expected, const QByteArray &got)

@@ -17,6 +17,9 @@ int shell(const QByteArray &script);
 /// Makes the shell script \a name, in place of an earlier one that may still run.
 void writeProgram(const QByteArray &name, const QByteArray &script);
 
+/// Keeps what this process logs from here to the end of the row, as "level text", and shows none of it.
+QStringList &keepLog();
+
 /// Returns an empty text when both texts are the same, or else how they differ, as diff(1) shows it.
 [[nodiscard]] QByteArray difference(const QByteArray &what, const QByteArray &expected,
                                     const QByteArray &got);

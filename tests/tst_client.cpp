@@ -60,6 +60,12 @@ private Q_SLOTS:
                  {.name = "A forked child is not reported",
                  .way = "forked-child",
                  .said = "the forked child was ended by signal 11\n"},
+                 {.name = "PYTHONHOME does not reach the debugger, which embeds Python",
+                 .way = "null-pointer",
+                 .variables = {"PYTHONHOME=/nowhere"}},
+                 {.name = "LD_LIBRARY_PATH does not reach the debugger, which uses this library",
+                 .way = "null-pointer",
+                 .variables = {"LD_LIBRARY_PATH=."}},
                  {.name = "A signal that the application raises is shown",
                  .way = "6",
                  .shown = {"raise", "crash", "main"},
@@ -70,6 +76,7 @@ private Q_SLOTS:
     void aCrashIsReported()
     {
         QFETCH(const Row, row);
+        QCOMPARE(shell(": > libexpat.so.1"), 0); // no library
         const Outcome outcome = crash({row.minimumUptime, row.uptime, row.way}, row.variables);
         const QStringList dumps = dumpFiles(outcome.output, "crashing");
         QCOMPARE(dumps.size(), 1);
@@ -129,6 +136,7 @@ private Q_SLOTS:
             << QByteArray(PATH_MAX, 'x') << QByteArray("/bin/sh") << ENAMETOOLONG;
         QTest::newRow("a folder") << QByteArray("x") << QByteArray("/") << EACCES;
         QTest::newRow("no program") << QByteArray("x") << QByteArray("/proc/version") << EACCES;
+        QTest::newRow("no path") << QByteArray("x") << QByteArray() << EINVAL;
         QTest::newRow("nothing") << QByteArray("x") << QByteArray("/nowhere") << ENOENT;
     }
     void settingsThatCannotReportACrashAreRefused()
@@ -137,9 +145,9 @@ private Q_SLOTS:
         QFETCH(const QByteArray, handlerPath);
         QFETCH(const int, error);
         const char *const name = appName.isNull() ? nullptr : appName.constData();
+        const char *const handler = handlerPath.isNull() ? nullptr : handlerPath.constData();
         errno = 0;
-        QVERIFY(
-            !crashreporting::install({.appName = name, .handlerPath = handlerPath.constData()}));
+        QVERIFY(!crashreporting::install({.appName = name, .handlerPath = handler}));
         QCOMPARE(errno, error);
     }
 

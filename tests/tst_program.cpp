@@ -227,7 +227,7 @@ QByteArray errorOf(const QByteArray &script)
 
 struct Row
 {
-    const char *name;
+    QByteArray name;
     /// The stand-in for gdb, a shell script that can use what stands in standInBegin. Null for none.
     QByteArray debugger = R"(printf 'kept\n[Current thread is 1 (x)]\n')";
     /// How the shell starts the application "$0".
@@ -472,6 +472,73 @@ private Q_SLOTS:
     }
     void inheritance() { checkRow(); }
 
+    void surroundings_data()
+    {
+        addRows({
+            {.name = "The debugger starts in the folder of the application",
+             .debugger = "pwd -P",
+             .start = R"(cd /proc; exec "$0" ü)",
+             .expected = backtrace("/proc\n")},
+            {.name = "When that folder is gone, only the debugger starts in another one",
+             .debugger = "pwd -P",
+             .start = R"(mkdir gone; cd gone; exec "$0" ü)",
+             .crash = R"(rmdir "$PWD"; "$@" 2> /dev/null)",
+             .expected = unseen(backtrace("/\n")),
+             .changed = {"/gone\n", "/gone (deleted)\n"}},
+            {.name = "Variables that would stop the debugger reach the application only",
+             .debugger = "env | grep -E 'PYTHON|LD_|DEBUGINFOD|LANGUAGE|LC_' | sort",
+             .crash = R"("$@" 2> /dev/null)",
+             .variables = {"PYTHONHOME=/nowhere", "PYTHONPATH=/nowhere", "LD_LIBRARY_PATH=/nowhere",
+                           "LD_BIND_NOW=1", "DEBUGINFOD_URLS=http://localhost", "LANGUAGE=de",
+                           "LC_ALL=C", "MY_PYTHON_LD_=kept"},
+             .expected = unseen(backtrace("LC_ALL=C.UTF-8\nMY_PYTHON_LD_=kept\n"))},
+        });
+    }
+    void surroundings() { checkRow(); }
+
+    void log_data()
+    {
+        using Kind = Channel::Kind;
+        using Reader = Channel::Reader;
+        struct Log
+        {
+            QByteArray name;
+            Kind kind;
+            int texts; // of 100 kB in the log; they are enough to fill what the log is written to
+        };
+        for (const auto &[name, kind, texts] :
+             {Log{"A pipe", Kind::Pipe, 12},
+              Log{"A pipe that cannot be opened anew", Kind::ForeignPipe, 12},
+              Log{"A stream socket", Kind::StreamSocket, 4},
+              Log{"A datagram socket", Kind::DatagramSocket, 2},
+              Log{"A terminal", Kind::Terminal, 2}}) {
+            const QByteArray text(100'000, '0');
+            addRows({
+                {.name = name + " with a slow reader loses nothing",
+                 .debugger = "echo kept",
+                 .start = R"sh(text=$(printf '%0100000d' 0); exec "$0")sh"
+                     + QByteArray(R"( "$text")").repeated(texts / 2),
+                 .expected = toDebugger() + chunk("kept\n") + completed()
+                     + restarted("\"/bin/sh\"",
+                                 R"("FOLDER/mail")" + (", \"" + text + '"').repeated(texts / 2)),
+                 .channel = {kind, Reader::WhenFull}},
+                {.name = name + " without a reader loses the log only",
+                 .start = R"sh(text=$(printf '%0100000d' 0); exec "$0")sh"
+                     + QByteArray(R"( "$text")").repeated(texts / 2),
+                 .expected = unseen(ordinary()),
+                 .logGoesOn = true,
+                 .channel = {kind, Reader::AtTheEnd}},
+            });
+        }
+        addRows({
+            {.name = "A terminal that is full from the start loses the log only",
+             .expected = unseen(ordinary()),
+             .logGoesOn = true,
+             .channel = {Kind::Terminal, Reader::AtTheEnd, true}},
+        });
+    }
+    void log() { checkRow(); }
+
     void restart_data()
     {
         Report notRestarted = accepted() + logged("info Application restart disabled") + opened()
@@ -522,7 +589,7 @@ private:
     {
         QTest::addColumn<Row>("row");
         for (const Row &row : rows)
-            QTest::newRow(row.name) << row;
+            QTest::newRow(row.name.constData()) << row;
     }
 
     void checkRow()
@@ -578,7 +645,9 @@ private:
             + difference("number of runs", QByteArray::number(lastRun + 1),
                          QByteArray::number(number_of_runs))
             + difference("exit code", QByteArray::number(row.exitCode),
-                         QByteArray::number(outcome.exitCode));
+                         QByteArray::number(outcome.exitCode))
+            + difference("flags of standard error, which others share", "kept",
+                         outcome.keptFlags ? "kept" : "changed");
         if (!differences.isEmpty())
             QFAIL(differences.constData());
     }
