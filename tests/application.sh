@@ -6,16 +6,16 @@
 #   CRASH    how it starts the crash handler, whose command line is "$@"
 #   HANDLER  path of the crash handler
 #   NAME     name that it gives itself in the report
+#   SOURCE   the source folder
 
+. "$SOURCE/tests/debugger.sh"
 run=0
 while [ -e "$FOLDER/run-$run" ]; do run=$((run + 1)); done
 cat "/proc/$$/environ" > "$FOLDER/environ-$run"
-# posix_spawn(3), which ninja(1) uses, ignores the signals 32 and 33. Only the C library can change that.
-ignored=$((0x$(sed -n 's/^SigIgn:[[:space:]]*//p' /proc/self/status) & ~0x180000000))
 {
     cat "/proc/$$/cmdline"
     sort -z -T "$FOLDER" "/proc/$$/environ" # a restart does not keep their order
-    printf 'ignored signals: %x\n' "$ignored"
+    ignored_signals
     grep -E 'SigBlk|Umask' /proc/self/status
     ls /proc/self/fd
     readlink "/proc/$$/cwd"
