@@ -1,115 +1,85 @@
-// An application of several named threads that crashes in the way it is told to. When it has been started
-// again, it says so and ends normally.
+// An application of several named threads that crashes in the way it is told to. When it is back, it says so.
 //
-// Usage: crashing-application HANDLER MINIMUM UPTIME WAY
-//   HANDLER  path of the crash handler
-//   MINIMUM  the uptime in seconds below which the application is not started again
-//   UPTIME   the seconds that it waits before it crashes
-//   WAY      null-pointer, stack-overflow, two-threads, forked-child (a forked child crashes first,
-//            unreported, then the main thread), or the number of the signal that it raises
+// Usage: crashing-application HANDLER MINIMUM-UPTIME UPTIME WAY
+//   WAY  null-pointer, stack-overflow, two-threads, forked-child (that crashes first, then the main thread),
+//        or the number of the signal that it raises
 
 #include <vastel-mail/crashreporting.h>
 
-#include <array>
 #include <barrier>
-#include <chrono>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <string_view>
 #include <thread>
 
 #include <fcntl.h>
-#include <pthread.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-namespace {
-
-struct Message
+static int readMessageSize(const int *message)
 {
-    int size;
-};
-
-int readMessageSize(const Message *message)
-{
-    return message->size;
+    return *message;
 }
 
-int openMessage()
+static int openMessage()
 {
-    // Volatile hides from the compiler that it is null.
-    const Message *volatile message = nullptr;
+    const int *volatile message = nullptr; // volatile hides that from the compiler
     return readMessageSize(message);
 }
 
-int countNestedReplies(int depth) // NOLINT(misc-no-recursion): overflowing the stack is its purpose
+static int countNestedReplies(int depth) // NOLINT(misc-no-recursion): to overflow the stack
 {
-    // Large, so that the backtrace has hundreds of frames and not hundreds of thousands.
-    volatile int repliesAt[8 * 1024];
+    volatile int
+        repliesAt[8 * 1024]; // so that there are hundreds of frames, not hundreds of thousands
     repliesAt[0] = depth;
     return depth < 0 ? 0 : countNestedReplies(depth + 1) + repliesAt[0];
 }
 
-void crashForkedChild()
+static void crash(std::string_view way)
 {
-    const pid_t child = fork();
-    if (child == 0)
-        openMessage();
-    int status = 0;
-    if (waitpid(child, &status, 0) == child && WIFSIGNALED(status))
+    if (way == "forked-child" && fork() != 0) {
+        int status = 0;
+        wait(&status);
         std::fprintf(stderr, "the forked child was ended by signal %d\n", WTERMSIG(status));
-}
-
-/// Does not return.
-void crash(std::string_view way)
-{
-    // All threads are there before anything crashes.
-    std::barrier threadsReady{3};
-    const auto work = [&](const char *name, bool crashes) {
-        const crashreporting::AlternateSignalStack signalStack;
-        pthread_setname_np(pthread_self(), name);
-        threadsReady.arrive_and_wait();
-        if (crashes)
-            openMessage();
-        for (;;)
-            pause();
-    };
-    const std::thread indexer(work, "mail-index", way == "two-threads");
-    const std::thread sender(work, "mail-send", way == "two-threads");
-    threadsReady.arrive_and_wait();
-
-    if (way == "forked-child")
-        crashForkedChild();
-    if (way == "null-pointer" || way == "forked-child")
-        openMessage();
-    else if (way == "stack-overflow")
+    }
+    if (way == "stack-overflow") {
+        {
+            // When it ends, the thread has its earlier stack again.
+            const crashreporting::AlternateSignalStack nestedStack;
+        }
         countNestedReplies(0);
-    else if (way != "two-threads")
-        std::raise(std::atoi(way.data()));
-    for (;;)
-        pause();
+    }
+    const int number = std::atoi(way.data());
+    number > 0 ? std::raise(number) : openMessage();
 }
-
-} // namespace
 
 int main(int argc, char *argv[])
 {
     if (argc != 5)
         return EXIT_FAILURE;
-    const std::chrono::seconds minimum{std::atoi(argv[2])};
-    const std::chrono::seconds uptime{std::atoi(argv[3])};
+    const std::chrono::seconds minimumUptime(std::atoi(argv[2]));
     if (!crashreporting::install(
-            {.appName = "crashing", .handlerPath = argv[1], .minimumUptime = minimum}))
+            {.appName = "crashing", .handlerPath = argv[1], .minimumUptime = minimumUptime}))
         std::perror("crashes will not be reported");
     if (open("crashed", O_CREAT | O_EXCL, S_IRUSR) == -1) {
         std::fputs("back again\n", stderr);
         return EXIT_SUCCESS;
     }
-    {
-        // The stack of install() is back after it.
-        const crashreporting::AlternateSignalStack nestedStack;
-    }
-    std::this_thread::sleep_for(uptime);
-    crash(argv[4]);
+    const std::string_view way = argv[4];
+    std::barrier threadsReady{3};
+    const auto work = [&](const char *name) {
+        const crashreporting::AlternateSignalStack signalStack;
+        pthread_setname_np(pthread_self(), name);
+        threadsReady.arrive_and_wait();
+        if (way == "two-threads")
+            openMessage();
+        pause();
+    };
+    const std::thread indexer(work, "mail-index");
+    const std::thread sender(work, "mail-send");
+    threadsReady.arrive_and_wait();
+    std::this_thread::sleep_for(std::chrono::seconds(std::atoi(argv[3])));
+    if (way == "two-threads")
+        pause();
+    crash(way);
 }

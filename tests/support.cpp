@@ -17,73 +17,45 @@ namespace {
 
 const QString dumpFolder = u"/tmp/vastel-mail"_s;
 
-struct OpenChannel
+/// Opens the end to read from and the end to write to.
+void open(Channel::Kind kind, int *ends)
 {
-    explicit OpenChannel(Channel::Kind kind)
-    {
-        int failure = 0;
-        if (kind == Channel::StreamSocket || kind == Channel::DatagramSocket)
-            failure = ::socketpair(
-                AF_UNIX, kind == Channel::StreamSocket ? SOCK_STREAM : SOCK_DGRAM, 0, ends);
-        else if (kind == Channel::Terminal)
-            failure = ::openpty(&ends[0], &ends[1], nullptr, nullptr, nullptr);
-        else
-            failure = ::pipe(ends);
-        if (failure != 0)
-            qFatal("no channel for the output");
-        if (kind == Channel::ForeignPipe)
-            ::fchmod(ends[1], 0); // nobody can open it anew, as if it were another user's
-        termios settings = {};
-        if (::tcgetattr(ends[1], &settings) == 0) {
-            ::cfmakeraw(&settings); // line feeds stay what they are
-            ::tcsetattr(ends[1], TCSANOW, &settings);
-        }
+    int failure = 0;
+    if (kind == Channel::Terminal)
+        failure = ::openpty(&ends[0], &ends[1], nullptr, nullptr, nullptr);
+    else if (kind == Channel::StreamSocket || kind == Channel::DatagramSocket)
+        failure = ::socketpair(AF_UNIX, kind == Channel::StreamSocket ? SOCK_STREAM : SOCK_DGRAM, 0,
+                               ends);
+    else
+        failure = ::pipe(ends);
+    if (failure != 0)
+        qFatal("no channel for the output");
+    if (kind == Channel::ForeignPipe)
+        ::fchmod(ends[1], 0); // nobody can open it anew, as if it were another user's
+    termios settings = {};
+    if (::tcgetattr(ends[1], &settings) == 0) {
+        ::cfmakeraw(&settings); // line feeds stay what they are
+        ::tcsetattr(ends[1], TCSANOW, &settings);
     }
-    ~OpenChannel()
-    {
-        ::close(ends[0]);
-        ::close(ends[1]);
-    }
-    OpenChannel(const OpenChannel &) = delete;
-    OpenChannel &operator=(const OpenChannel &) = delete;
+}
 
-    [[nodiscard]] int flags() const { return ::fcntl(ends[1], F_GETFL); }
+void fill(int descriptor)
+{
+    const int flags = ::fcntl(descriptor, F_GETFL);
+    ::fcntl(descriptor, F_SETFL, flags | O_NONBLOCK);
+    while (::write(descriptor, "x", 1) == 1) { }
+    ::fcntl(descriptor, F_SETFL, flags);
+}
 
-    void fill() const
-    {
-        const QByteArray page(4096, 'x');
-        ::fcntl(ends[1], F_SETFL, flags() | O_NONBLOCK);
-        while (::write(ends[1], page.constData(), std::size_t(page.size())) > 0) { }
-        ::fcntl(ends[1], F_SETFL, flags() & ~O_NONBLOCK);
-    }
-
-    [[nodiscard]] bool isFull() const
-    {
-        pollfd writing{ends[1], POLLOUT, 0};
-        return ::poll(&writing, 1, 0) == 0;
-    }
-
-    /// Appends to \a output what can be read within \a timeout. False if nothing can.
-    bool read(QByteArray &output, int timeout) const
-    {
-        pollfd reading{ends[0], POLLIN, 0};
-        if (::poll(&reading, 1, timeout) != 1)
-            return false;
-        QByteArray part(256 * 1024, Qt::Uninitialized); // more than a datagram can have
-        const ssize_t size = ::read(ends[0], part.data(), std::size_t(part.size()));
-        output += part.left(size);
-        return size > 0;
-    }
-
-    int ends[2] = {-1, -1}; // to read from, to write to
-};
+bool isReady(int descriptor, short events, int timeout)
+{
+    pollfd waiting{descriptor, events, 0};
+    return ::poll(&waiting, 1, timeout) == 1;
+}
 
 QStringList decoded(const QByteArrayList &texts)
 {
-    QStringList list;
-    for (const QByteArray &text : texts)
-        list.append(QString::fromUtf8(text));
-    return list;
+    return QString::fromUtf8(texts.join('\0')).split(u'\0');
 }
 
 } // namespace
@@ -126,43 +98,51 @@ QByteArray difference(const QByteArray &what, const QByteArray &expected, const 
 }
 
 Outcome run(const QByteArrayList &command, const QByteArrayList &environment,
-            const Channel &settings)
+            const Channel &channel)
 {
-    const OpenChannel channel(settings.kind);
-    if (settings.fullFromTheStart)
-        channel.fill();
-    const int flags = channel.flags();
+    int ends[2] = {-1, -1};
+    open(channel.kind, ends);
+    if (channel.fullFromTheStart)
+        fill(ends[1]);
+    const int flags = ::fcntl(ends[1], F_GETFL);
     QProcess process;
     process.setEnvironment(decoded(environment));
     process.setStandardInputFile(QProcess::nullDevice());
     process.setChildProcessModifier([&] {
-        ::dup2(channel.ends[1], STDOUT_FILENO);
-        ::dup2(channel.ends[1], STDERR_FILENO);
+        ::dup2(ends[1], STDOUT_FILENO);
+        ::dup2(ends[1], STDERR_FILENO);
         // The program must have no more descriptors than one that is restarted.
         ::close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
-        if (settings.kind == Channel::ForeignPipe) // root may open everything
+        if (channel.kind == Channel::ForeignPipe) // root may open everything
             ::prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE, 0, 0, 0);
     });
     // What the program leaves running becomes a child of this process, which sees its end as well.
     ::prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0);
     process.start(QString::fromUtf8(command.constFirst()), decoded(command.sliced(1)));
     process.waitForStarted(patience);
+
     Outcome outcome{process.processId()};
-    bool isRead = settings.reader == Channel::AtOnce;
+    bool isRead = channel.reader == Channel::AtOnce;
+    const auto read = [&](int timeout) {
+        QByteArray part(256 * 1024, Qt::Uninitialized); // more than a datagram can have
+        const bool isThere = isReady(ends[0], POLLIN, timeout);
+        if (isThere)
+            outcome.output += part.left(::read(ends[0], part.data(), std::size_t(part.size())));
+        return isThere;
+    };
     const QDeadlineTimer deadline(2 * patience);
     while (!deadline.hasExpired()
            && ((process.state() != QProcess::NotRunning && !process.waitForFinished(0))
                || ::waitpid(-1, nullptr, WNOHANG) != -1)) {
-        isRead = isRead || (settings.reader == Channel::WhenFull && channel.isFull());
         constexpr int interval = 10; // ms
-        if (isRead)
-            channel.read(outcome.output, interval);
-        else
-            ::poll(nullptr, 0, interval);
+        isRead = isRead || (channel.reader == Channel::WhenFull && !isReady(ends[1], POLLOUT, 0));
+        isRead ? read(interval) : isReady(-1, 0, interval);
     }
-    while (channel.read(outcome.output, 0)) { }
+    while (read(0)) { }
     outcome.exitCode = process.exitCode() + (process.exitStatus() == QProcess::CrashExit ? 128 : 0);
-    outcome.keptFlags = channel.flags() == flags;
+    outcome.keptFlags = ::fcntl(ends[1], F_GETFL) == flags;
+    ::close(ends[0]);
+    ::close(ends[1]);
     return outcome;
 }
 

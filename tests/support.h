@@ -39,7 +39,7 @@ struct Outcome
 
 /// Runs \a command until it and all that it has started have ended.
 Outcome run(const QByteArrayList &command, const QByteArrayList &environment,
-            const Channel &settings = {});
+            const Channel &channel = {});
 
 /// Each row has a folder of its own, which is the current one and the first on the search path.
 class TestInFolder : public QObject

@@ -99,9 +99,12 @@ private Q_SLOTS:
         QVERIFY(!QFile::exists(u"nothing"_s));
     }
 
-    void aReportBeginsWithTheNamesAsTheyAre()
+    void aReportIsInAFolderOfItsOwnerAndBeginsWithTheNamesAsTheyAre()
     {
+        const mode_t earlierMask = ::umask(0777);
         DumpFile dump(u"Pöst%2b%1"_s, u"%1%3"_s, u"./a/dumps/"_s);
+        ::umask(earlierMask);
+        QCOMPARE(shell("test $(stat -c %a a/dumps) = 700"), 0);
         QVERIFY(dump.dumpFilePath().startsWith(u"./a/dumps//2"));
         const QByteArray header = contentOf(dump.dumpFilePath());
         QVERIFY(header.startsWith("Pöst%2b%1 has closed unexpectedly (Signal \"%1%3\")\nplease"));

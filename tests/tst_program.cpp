@@ -25,114 +25,6 @@ Report ordinary()
             contentOf(u"" SOURCE_FOLDER "/tests/ordinary.dump"_s), true};
 }
 
-/// The ordinary log from the line \a first up to the line before \a next, or up to its end.
-Report part(const QByteArray &first, const QByteArray &next = {})
-{
-    const QByteArray log = ordinary().log;
-    const qsizetype begin = log.indexOf(first);
-    const qsizetype end = next.isEmpty() ? log.size() : log.indexOf(next, begin);
-    return {log.sliced(begin, end - begin)};
-}
-
-Report logged(const QByteArray &line)
-{
-    return {line + '\n'};
-}
-
-Report wrote(const QByteArray &text)
-{
-    const Report lines
-        = part("crashhandler debug Writing message", "crashhandler debug CrashHandler");
-    return {QByteArray(lines.log).replace("174", QByteArray::number(text.size())), text};
-}
-
-Report begun()
-{
-    return part("info Starting crash handler", "debug Positional arguments");
-}
-
-Report accepted()
-{
-    return part("info Starting crash handler", "info Creating crash handler instance");
-}
-
-Report opened()
-{
-    const QByteArray dump = ordinary().dump;
-    return part("info Creating crash handler", "crashhandler info Collecting restart")
-        + Report{{}, dump.left(dump.indexOf("kept"))};
-}
-
-Report launched()
-{
-    return part("info Starting crash handling process", "debug Received");
-}
-
-Report toDebugger()
-{
-    return accepted() + opened()
-        + part("crashhandler info Collecting restart", "info Starting crash handling process")
-        + launched();
-}
-
-Report chunk(const QByteArray &text)
-{
-    return part("debug Received", "crashhandler debug Writing message") + wrote(text);
-}
-
-Report completed()
-{
-    return part("info Backtrace collection", "crashhandler debug Writing message");
-}
-
-Report ended()
-{
-    return part("crashhandler debug CrashHandler destroyed");
-}
-
-Report restarted()
-{
-    return part("crashhandler info command line") + Report{{}, {}, true};
-}
-
-Report failed(const QByteArray &error)
-{
-    return logged("critical Backtrace collection error: \"" + error + '"') + Report{error}
-    + logged("crashhandler info Writing error message to dump file")
-        + wrote("A problem occurred providing the backtrace. Please make sure to have the debugger "
-                "\"gdb\" installed.\n")
-        + wrote(error) + ended();
-}
-
-/// A run whose backtrace is \a text.
-Report backtrace(const QByteArray &text)
-{
-    return toDebugger() + chunk(text) + completed() + restarted();
-}
-
-Report unseen(const Report &report)
-{
-    return {{}, report.dump, report.isBack};
-}
-
-/// The same with another log.
-Report changed(Report report, const QByteArray &before, const QByteArray &after)
-{
-    report.log.replace(before, after);
-    return report;
-}
-
-/// A run whose writes to the dump file are refused.
-Report refused(const Report &report)
-{
-    static const QRegularExpression write(u"crashhandler debug Wrote \\d+ bytes to file: (.*)"_s);
-    const QString log = QString::fromUtf8(report.log)
-                            .replace(write,
-                                     u"crashhandler critical Failed to open file for writing: \\1\n"
-                                     "crashhandler warning Warning: Could not open  \\1"_s);
-    return {log.toUtf8(), {}, report.isBack};
-}
-
 /// What QProcess says about the shell script \a script, or about a missing program when it is null.
 QByteArray errorOf(const QByteArray &script)
 {
@@ -149,60 +41,49 @@ struct Setup
 {
     /// The stand-in for gdb, a shell script that can use tests/debugger.sh. Null for none.
     QByteArray debugger = R"(printf 'kept\n[Current thread is 1 (x)]\n')";
-    /// How the shell starts the application "$0", and how that starts the crash handler "$@".
-    QByteArray start = R"(exec "$0" ü)";
-    QByteArray crash = R"("$@")";
+    QByteArray start = R"(exec "$0" ü)"; // how the shell starts the application
+    QByteArray crash = R"("$@")"; // how the application starts the crash handler
     QByteArrayList variables = {};
-    /// What the shell plants in /tmp.
-    QByteArray plant = {};
+    QByteArray plant = {}; // what the shell plants in /tmp
     int crashes = 1;
     Channel channel = {};
     int exitCode = 0;
-    bool logGoesOn = false; // only its beginning is compared
-    /// What the application has when it is back, in place of what it had before.
+    bool logGoesOn = false; // only the beginning of the log is compared
+    /// A text that is another one when the application is back.
     QByteArray before = "no change";
     QByteArray after = {};
 };
 
-/// Replaces what varies in what a run has left: by the name of what it is, in capitals. The sizes of texts
-/// become those of the replaced texts.
+/// Replaces what varies in what a run has left by the name of what it is, in capitals.
 void normalise(Report &report, qint64 pid, const QByteArray &appName)
 {
     const auto latin1 = [](const QString &path) { return QString::fromLatin1(contentOf(path)); };
-    const QByteArray system = u" Qt %1 (%2 bit)\n\n%3\n%4\n"_s.arg(u"" QT_VERSION_STR ""_s)
-                                  .arg(8 * sizeof(void *))
-                                  .arg(latin1(u"/etc/lsb-release"_s), latin1(u"/proc/version"_s))
-                                  .toUtf8();
-    const QByteArray anySystem = " Qt VERSION (BITS bit)\n\nDISTRIBUTION\nKERNEL\n";
-    QByteArray &log = report.log;
-    // The first write is that of the header, in which the name stands twice.
-    static const QRegularExpression firstWrite(u"Wrote (\\d+)"_s);
-    const QRegularExpressionMatch match = firstWrite.match(QString::fromLatin1(log));
-    const qsizetype growth = system.size() - anySystem.size() + 2 * (appName.size() - 4);
-    if (match.hasMatch())
-        log.replace(match.capturedStart(1), match.capturedLength(1),
-                    QByteArray::number(match.captured(1).toInt() - growth));
-
-    QStringList variables = latin1(u"environ-0"_s).split(u'\0');
-    variables.removeLast();
-    log.replace(QDebug::toString(variables).toUtf8(), "ENVIRONMENT")
-        .replace("org.vastel.mail.crashhandler", "crashhandler");
-    const qsizetype stampAt = log.indexOf("timestamp: \"");
-    if (stampAt != -1)
-        log.replace(log.mid(stampAt + 12, 18), "STAMP");
+    const QString system = u" Qt %1 (%2 bit)\n\n%3\n%4\n"_s.arg(u"" QT_VERSION_STR ""_s)
+                               .arg(8 * sizeof(void *))
+                               .arg(latin1(u"/etc/lsb-release"_s), latin1(u"/proc/version"_s));
+    report.dump.replace(system.toUtf8(), " Qt VERSION (BITS bit)\n\nDISTRIBUTION\nKERNEL\n")
+        .replace(appName, "mail");
+    const QStringList variables = latin1(u"environ-0"_s).chopped(1).split(u'\0');
+    QString log = QString::fromUtf8(report.log)
+                      .replace(QDebug::toString(variables), u"ENVIRONMENT"_s)
+                      .replace(u"org.vastel.mail.crashhandler"_s, u"crashhandler"_s)
+                      .replace(QString::fromUtf8(appName), u"mail"_s)
+                      .replace(QDir::currentPath(), u"FOLDER"_s);
     if (!QFile::exists(u"/etc/lsb-release"_s)) // as on many distributions
-        log.replace("crashhandler critical Failed to open file for reading: \"/etc/lsb-release\"\n"
-                    "crashhandler warning Warning: Could not open  \"/etc/lsb-release\"\n",
-                    "crashhandler debug Successfully read file: \"/etc/lsb-release\"\n");
-    report.dump.replace(system, anySystem).replace(appName, "mail");
-    log.replace(appName, "mail").replace(QFile::encodeName(QDir::currentPath()), "FOLDER");
-    for (const char *before : {"/proc/", "ID: "}) {
-        for (const char after : {'\n', '/', '"', ' '})
-            log.replace(before + QByteArray::number(pid) + after, before + "PID"_ba + after);
-    }
+        log.replace(u"critical Failed to open file for reading: \"/etc/lsb-release\"\n"
+                    "crashhandler warning Warning: Could not open  \"/etc/lsb-release\"\n"_s,
+                    u"debug Successfully read file: \"/etc/lsb-release\"\n"_s);
+    static const QRegularExpression stamp(u"timestamp: \"(\\d{8}_\\d{9})\""_s);
+    static const QRegularExpression header(u"(headers(.*\n){3}.*Wrote )\\d+"_s);
+    const QRegularExpressionMatch match = stamp.match(log);
+    if (match.hasMatch())
+        log.replace(match.captured(1), u"STAMP"_s);
+    log.replace(header, u"\\1SIZE"_s)
+        .replace(QRegularExpression(u"(/proc/|ID: )%1\\b"_s.arg(pid)), u"\\1PID"_s);
+    report.log = log.toUtf8();
 }
 
-void row(const QByteArray &name, const Setup &setup, const Report &expected)
+void row(const QByteArray &name, const Setup &setup, const Report &expected = ordinary())
 {
     QTest::newRow(name.constData()) << setup << expected;
 }
@@ -309,8 +190,7 @@ private Q_SLOTS:
                 sort -c && echo kept)sh",
              .start = R"sh(export now=+%Y%m%d_%H%M%S%3N; began=$(date $now) exec "$0" ü)sh"},
             backtrace("kept\n"));
-        row("A file in the place of the folder loses the report only, even if Qt aborts when "
-            "critical",
+        row("A file in the place of the folder loses the report only, if Qt aborts or not",
             {.variables = {"QT_FATAL_CRITICALS=1"}, .plant = ": > /tmp/vastel-mail"},
             refused(ordinary()));
         const QByteArray stamped = "crashhandler debug Generating";
@@ -320,7 +200,7 @@ private Q_SLOTS:
                     "crashhandler critical Failed to create dump directory: \"/tmp/vastel-mail\"\n"
                     "crashhandler warning \"mkpath [/tmp/vastel-mail] failed\"\n"
                         + stamped));
-        row("A FIFO in the place of the dump file is refused, even if Qt aborts at warnings",
+        row("A FIFO in the place of the dump file is refused, if Qt aborts or not",
             {.debugger = R"sh(fifo=$(dump); rm "$fifo"; mkfifo "$fifo"; echo lost)sh",
              .variables = {"QT_FATAL_WARNINGS=1"}},
             Report{toDebugger().log} + refused(chunk("lost\n")) + completed() + restarted());
@@ -333,7 +213,8 @@ private Q_SLOTS:
                 echo kept cut; await kept; prlimit --fsize=unlimited: --pid $PPID)sh"},
             {backtrace("kept cut\n").log, opened().dump + "kept ", true});
         row("A umask without the owner's rights does not lose the report",
-            {.start = R"(umask 0377; exec "$0" ü)"}, ordinary());
+            {.debugger = R"sh(stat -c %a "$5")sh", .start = R"(umask 0377; exec "$0" ü)"},
+            backtrace("600\n"));
         row("A large report is kept, and it is UTF-8 in another locale",
             {.debugger = R"(head -c 5000000 /dev/zero | tr '\000' 0; echo é)",
              .crash = R"("$@" 2> /dev/null)",
@@ -341,20 +222,18 @@ private Q_SLOTS:
             unseen(backtrace(QByteArray(5'000'000, '0') + "é\n")));
 
         // The restart.
-        const QByteArray empty = "crashhandler info command line: QList()\n"
-                                 "crashhandler info environment: QList()\n"
-                                 "crashhandler info Preparing to restart application\n";
         row("A disabled restart does not take place",
             {.debugger = "echo kept", .crash = R"("$@" --disable-restart)"},
             accepted() + logged("info Application restart disabled") + opened()
                 + logged("crashhandler warning Unable to restart") + launched() + chunk("kept\n")
-                + completed() + Report{empty} + ended());
+                + completed() + logged("crashhandler info command line: QList()")
+                + logged("crashhandler info environment: QList()")
+                + logged("crashhandler info Preparing to restart application") + ended());
         row("An application without arguments comes back",
             {.start = R"(exec env BASH_ENV="$0" /bin/bash)", .crash = R"(env -u _ -u SHLVL "$@")"},
-            changed(
-                changed(changed(ordinary(), R"("/bin/sh", "FOLDER/mail", "Ã¼")", "\"/bin/bash\""),
-                        R"("FOLDER/mail", "Ã¼")", {}),
-                "/bin/sh", "/bin/bash"));
+            changed(changed(changed(ordinary(), R"(, "FOLDER/mail", "Ã¼")", {}), "/bin/sh",
+                            "/bin/bash"),
+                    R"("FOLDER/mail", "Ã¼")", {}));
         row("The crash handler's own variables stay, unless the application has them too",
             {.crash = R"(EXTRA=1 HOME=/nowhere "$@")",
              .before = "FOLDER=",
@@ -424,23 +303,18 @@ private Q_SLOTS:
         QVERIFY(QFile::copy(u"" SOURCE_FOLDER "/tests/application.sh"_s, u"mail"_s));
         // Unique, so that the dump file is found even where nobody sees the log.
         const QByteArray appName = "mail" + QFileInfo(QDir::currentPath()).fileName().toUtf8();
-        const QByteArrayList variables{
-            "PATH=" + qgetenv("PATH"),
-            "TMPDIR=" + path(),
-            "FOLDER=" + path(),
-            "NAME=" + appName,
-            "RUNS=" + QByteArray::number(setup.crashes + 1),
-            "CRASH=" + setup.crash,
-            "SOURCE=" SOURCE_FOLDER,
-            "HANDLER=" BUILD_FOLDER "/crash-handler",
-            "QT_MESSAGE_PATTERN=%{if-category}%{category} %{endif}%{type} %{message}",
-            "LC_ALL=C.UTF-8",
-            "TZ=XXX-05:45",
-            "HOME=/home/jürgen",
-            "EMPTY=",
-            "NÄME=a\r\nb=c\n"};
-        const Outcome outcome = ::run({"/bin/sh", "-c", setup.start, path() + "/mail"},
-                                      variables + setup.variables, setup.channel);
+        const QByteArrayList variables
+            = ("PATH=" + qgetenv("PATH") + "|TMPDIR=" + path() + "|FOLDER=" + path()
+               + "|NAME=" + appName + "|RUNS=" + QByteArray::number(setup.crashes + 1)
+               + "|SOURCE=" SOURCE_FOLDER
+               + "|HANDLER=" BUILD_FOLDER
+                 "/crash-handler|QT_MESSAGE_PATTERN=%{if-category}%{category} "
+                 "%{endif}%{type} %{message}|LC_ALL=C.UTF-8|TZ=XXX-05:45|HOME=/home/jürgen|EMPTY="
+                 "|NÄME=a\r\nb=c\n")
+                  .split('|');
+        const Outcome outcome = ::run(
+            {"/bin/sh", "-c", setup.start, path() + "/mail"},
+            variables + setup.variables + QByteArrayList{"CRASH=" + setup.crash}, setup.channel);
         Report got{outcome.output, dumps(outcome.output, appName)};
         normalise(got, outcome.pid, appName);
         if (setup.logGoesOn)
@@ -462,6 +336,74 @@ private Q_SLOTS:
                          outcome.keptFlags ? "as before\n" : "changed\n");
         if (!differences.isEmpty())
             QFAIL(differences.constData());
+    }
+
+private:
+    // What the log and the dump file consist of.
+    /// The ordinary log from the line \a first up to the line before \a next, or up to its end.
+    static Report part(const QByteArray &first, const QByteArray &next = {})
+    {
+        const QByteArray log = ordinary().log;
+        const qsizetype begin = log.indexOf(first);
+        return {log.mid(begin, next.isEmpty() ? -1 : log.indexOf(next, begin) - begin)};
+    }
+    static Report logged(const QByteArray &line) { return {line + '\n'}; }
+    static Report wrote(const QByteArray &text)
+    {
+        const Report lines
+            = part("crashhandler debug Writing message", "crashhandler debug CrashHandler");
+        return {QByteArray(lines.log).replace("SIZE", QByteArray::number(text.size())), text};
+    }
+    static Report begun() { return part("info Starting crash", "debug Positional"); }
+    static Report accepted() { return part("info Starting crash", "info Creating crash"); }
+    static Report opened()
+    {
+        const QByteArray dump = ordinary().dump;
+        return part("info Creating crash", "crashhandler info Collecting")
+            + Report{{}, dump.left(dump.indexOf("kept"))};
+    }
+    static Report copied()
+    {
+        return part("crashhandler info Collecting", "info Starting crash handl");
+    }
+    static Report launched() { return part("info Starting crash handling", "debug Received"); }
+    static Report toDebugger() { return accepted() + opened() + copied() + launched(); }
+    static Report chunk(const QByteArray &text)
+    {
+        return part("debug Received", "crashhandler debug Writing message") + wrote(text);
+    }
+    static Report completed()
+    {
+        return part("info Backtrace", "crashhandler debug Writing message");
+    }
+    static Report restarted() { return part("crashhandler info command") + Report{{}, {}, true}; }
+    static Report ended() { return part("crashhandler debug CrashHandler destroyed"); }
+    static Report failed(const QByteArray &error)
+    {
+        return logged("critical Backtrace collection error: \"" + error + '"') + Report{error}
+        + logged("crashhandler info Writing error message to dump file")
+            + wrote("A problem occurred providing the backtrace. Please make sure to have the "
+                    "debugger "
+                    "\"gdb\" installed.\n")
+            + wrote(error) + ended();
+    }
+    static Report backtrace(const QByteArray &text)
+    {
+        return toDebugger() + chunk(text) + completed() + restarted();
+    }
+    static Report unseen(const Report &report) { return {{}, report.dump, report.isBack}; }
+    static Report changed(Report report, const QByteArray &before, const QByteArray &after)
+    {
+        report.log.replace(before, after);
+        return report;
+    }
+    /// With writes to the dump file that are refused.
+    static Report refused(const Report &report)
+    {
+        static const QRegularExpression write(u"debug Wrote \\w+ bytes to file: (.*)"_s);
+        const QString lines = u"critical Failed to open file for writing: \\1\n"
+                              "crashhandler warning Warning: Could not open  \\1"_s;
+        return {QString::fromUtf8(report.log).replace(write, lines).toUtf8(), {}, report.isBack};
     }
 };
 
