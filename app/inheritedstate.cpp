@@ -14,8 +14,8 @@ namespace {
 /// opened here. The log would then be written into the dump file, for example.
 void openStandardDescriptors()
 {
-    // open(2) returns the lowest free descriptor, so /dev/null is opened until 0, 1 and 2 are taken.
-    // closefrom(3) closes the surplus one.
+    // open(2) returns the lowest free descriptor, so /dev/null is opened until 0, 1 and 2 are
+    // taken. closefrom(3) closes the surplus one.
     int descriptor = STDIN_FILENO;
     while (descriptor != -1 && descriptor <= STDERR_FILENO)
         descriptor = ::open("/dev/null", O_RDWR);
@@ -30,8 +30,8 @@ void setSignalAction(int number, void (*handler)(int))
     ::sigaction(number, &action, nullptr);
 }
 
-/// The signals that nohup(1) and shells ignore on behalf of the user: a hang-up, the keys of the
-/// terminal and its rules for background jobs.
+/// The signals that nohup(1), shells and service managers ignore on behalf of the user: a hang-up,
+/// a request to end, the keys of the terminal and its rules for background jobs.
 constexpr std::array userSignals{SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGTSTP, SIGTTIN, SIGTTOU};
 
 /// An ignored signal stays ignored across execve(2), in the debugger and in the restarted
@@ -60,8 +60,8 @@ void unblockSignals()
     ::sigprocmask(SIG_SETMASK, &none, nullptr);
 }
 
-/// With these variables, Qt aborts at the first warning, for example about a missing system file. If
-/// the application was started with them, it gets them back with the rest of its first environment.
+/// With these variables, Qt aborts at the first warning, for example about a missing system file.
+/// If the application was started with them, it gets them back with its first environment.
 void outliveWarnings()
 {
     ::unsetenv("QT_FATAL_WARNINGS");

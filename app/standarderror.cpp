@@ -13,7 +13,8 @@
 
 namespace {
 
-/// A signal can arrive just before the system call that it is to interrupt. So it is repeated.
+/// The timer fires again and again: a single signal could arrive just before the write that it is
+/// to end.
 constexpr timeval repetition{0, 1000}; // 1 ms
 
 volatile std::sig_atomic_t isPatienceOver = 0;
@@ -29,9 +30,9 @@ bool isWritable(int timeout)
     return ::poll(&standardError, 1, timeout) == 1;
 }
 
-/// Under "stty tostop", SIGTTOU would stop a background process that writes to its terminal, and the
-/// application with it. A process that blocks the signal may write. It is blocked during the write
-/// only, because the debugger and the restarted application inherit the signal mask.
+/// Under "stty tostop", SIGTTOU would stop a background process that writes to its terminal, and
+/// the application with it. A process that blocks the signal may write. It is blocked during the
+/// write only, because the debugger and the restarted application inherit the signal mask.
 void setTerminalStop(int how)
 {
     sigset_t signals;
@@ -45,7 +46,7 @@ void setTerminalStop(int how)
 /// timer interrupts a write that waits.
 ssize_t writePatiently(void * /*cookie*/, const char *text, std::size_t size)
 {
-    static timeval patience{1, 0}; // what is left of it; passes only while a text has to wait
+    static timeval patience{1, 0}; // what is left of the second; passes only while a text waits
     const itimerval running{repetition, isPatienceOver != 0 ? repetition : patience};
     setTerminalStop(SIG_BLOCK);
     ::setitimer(ITIMER_REAL, &running, nullptr);

@@ -37,7 +37,8 @@ QProcessEnvironment debuggerEnvironment(QProcessEnvironment inherited)
         if (name.startsWith(u"PYTHON") || name.startsWith(u"LD_"))
             inherited.remove(name);
     }
-    // It would ask in the report whether it may use a server, and nothing here may reach a network.
+    // With this variable, the debugger would ask in the report whether it may use a server. Nothing
+    // here may reach a network.
     inherited.remove(u"DEBUGINFOD_URLS"_s);
     // The crash handler and readers of reports look for the untranslated texts of the debugger, and
     // its output is decoded as UTF-8. LANGUAGE would translate even in this locale.
@@ -46,8 +47,8 @@ QProcessEnvironment debuggerEnvironment(QProcessEnvironment inherited)
     return inherited;
 }
 
-/// Returns the working directory for the debugger, or an empty string for the inherited one. If that
-/// has been removed, gdb 13 would crash at its start.
+/// Returns the working directory for the debugger, or an empty string for the inherited one. If
+/// that has been removed, gdb 13 would crash at its start.
 QString debuggerDirectory()
 {
     char *const inherited = ::getcwd(nullptr, 0);

@@ -74,9 +74,9 @@ Q_SIGNALS:
     /// their order. Emitted at most once for each start(), after the last chunk.
     void backtrace(const QString &backtrace);
 
-    /// One chunk of the debugger's output: standard output and standard error together, in the order
-    /// in which they were written. Each chunk is decoded by itself, as UTF-8, so a character that is
-    /// split between two chunks becomes replacement characters. Can be empty.
+    /// One chunk of the debugger's output: standard output and standard error together, in the
+    /// order in which they were written. Each chunk is decoded by itself, as UTF-8, so a character
+    /// that is split between two chunks becomes replacement characters. Can be empty.
     void backtraceChunk(const QString &chunk);
 
 private Q_SLOTS:

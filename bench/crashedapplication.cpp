@@ -1,6 +1,6 @@
 // Stands in for a crashed application: crashedapplication THREADS COMMAND [ARGUMENT...]
-// runs the command as its child while that many threads wait, each 20 frames deep. Prints elapsed seconds,
-// seconds of processor time, and the peak memory of the largest process in KiB.
+// runs the command as its child while that many threads wait, each 20 frames deep. Prints elapsed
+// seconds, seconds of processor time, and the peak memory of the largest process in KiB.
 
 #include <chrono>
 #include <csignal>

@@ -131,9 +131,9 @@ void waitForPermission(pid_t parent)
 void reportCrash(int signalNumber)
 {
     // Only the first crash is reported. Every later thread waits here, so that the report shows
-    // where it stood, until the first one ends the process. The first thread can come back: if
-    // SIGABRT does not end the process, which is the first one of a container, abort(3) raises
-    // another signal. The thread must not wait then.
+    // where it stood, until the first one ends the process. The first thread can come back: SIGABRT
+    // does not end process 1 of a container, and abort(3) then raises another signal. It must not
+    // wait then.
     pid_t firstThread = 0;
     if (!installedProcess->crashedThread.compare_exchange_strong(firstThread, gettid())) {
         while (firstThread != gettid())
@@ -160,9 +160,10 @@ void reportCrash(int signalNumber)
 }
 
 /// The signal handler. The crash may have left any lock taken, so everything that it calls is
-/// async-signal-safe. signal-safety(7) lists most of that. The rest are plain system calls in glibc
-/// (prctl, gettid, sigwaitinfo, closefrom), pthread_setcancelstate(), which sets flags of the thread,
-/// and _Fork(), which POSIX.1-2024 lists.
+/// async-signal-safe. signal-safety(7) lists most of that. The rest, in glibc: prctl(), gettid()
+/// and sigwaitinfo() are plain system calls; closefrom() is one since Linux 5.9, and makes a few
+/// without memory of the heap before that; pthread_setcancelstate() sets flags of the thread;
+/// _Fork() is in the list of POSIX.1-2024.
 void onCrash(int signalNumber)
 {
     // A thread that is cancelled in waitpid(2) or pause(2) would leave this function, and the

@@ -27,8 +27,8 @@ struct Settings
     return vastel_mail_install_crash_reporting(&plain) == 0;
 }
 
-/// Gives its thread a signal stack as long as it lives. Let every thread but the main one hold one
-/// from its first statement to its last.
+/// While it exists, its thread has a signal stack. Let every thread but the main one hold one from
+/// its first statement to its last.
 class AlternateSignalStack
 {
 public:

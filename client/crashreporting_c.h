@@ -3,9 +3,9 @@
 // Starts the crash handler when the application crashes. This is the interface for C (C11) and for
 // every language that can call C; crashreporting.h wraps it for C++. integration.md is the guide.
 //
-// A later version may add fields to the settings. VASTEL_MAIL_CRASH_SETTINGS_INIT fills them in. The
-// library is static, so a program that was linked stays as it is. What is compiled with other headers
-// than those of the library must not be linked with it.
+// A later version may add fields to the settings, which VASTEL_MAIL_CRASH_SETTINGS_INIT fills in.
+// The library is static, so that breaks no program that is linked already. Link the library only
+// with what is compiled with its own headers.
 
 #include <vastel-mail/handlerpath.h>
 

@@ -184,8 +184,7 @@ void CrashHandler::markCurrentThread(const QString &backtrace)
     const QRegularExpressionMatch match = expression.match(backtrace);
     if (!match.hasMatch())
         return;
-    const QString thread = u"Thread %1"_s.arg(match.captured(1));
-    d->dumpFile.writeMessage(u"text to select is [%1]"_s.arg(thread));
+    d->dumpFile.writeMessage(u"text to select is [Thread %1]"_s.arg(match.captured(1)));
 }
 
 void CrashHandler::restartApplication()

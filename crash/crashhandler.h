@@ -73,7 +73,8 @@ public Q_SLOTS:
     /// restartApplication(), but with two arguments only: "-debug" and the decimal ID of the
     /// crashed process.
     ///
-    /// Does not end the event loop. After an aborted collection, the caller has to end it.
+    /// Does not end the event loop. After an aborted collection, the caller has to end it. Nothing
+    /// in this program calls it: it serves code that uses the meta-object.
     void debugApplication();
 
 private:

@@ -1,6 +1,6 @@
 // A small application whose crashes are reported, and that notices when it is back after one.
 //
-// Usage: example-mail PROFILE_FOLDER [--crash]
+// Usage: example-mail [PROFILE_FOLDER [--crash]]
 
 #include <vastel-mail/crashreporting.h>
 
