@@ -185,7 +185,7 @@ private Q_SLOTS:
         writeProgram("application",
                      "cat /proc/$$/environ > variables\necho \"$@\" > new\nmv new arguments\n");
         const QString dump = log.filter(u"Dump file path set"_s).value(0).section(u'"', 1, 1);
-        const QByteArray header = contentOf(dump);
+        const QByteArray header = dumps(log.join(u'\n').toUtf8(), "mail");
         if (isRunning) {
             handler.run();
             QTRY_VERIFY_WITH_TIMEOUT(contentOf(dump) != header, patience);

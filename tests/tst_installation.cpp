@@ -11,8 +11,8 @@ class InstallationTest : public TestInFolder
 private Q_SLOTS:
     void initTestCase()
     {
-        QVERIFY(prefix.isValid());
-        const QByteArray path = QFile::encodeName(prefix.path());
+        prefix = std::make_unique<QTemporaryDir>();
+        const QByteArray path = QFile::encodeName(prefix->path());
         QCOMPARE(shell("cmake --install '" BUILD_FOLDER "' --prefix '" + path + "' > /dev/null"),
                  0);
     }
@@ -38,7 +38,7 @@ private Q_SLOTS:
     {
         QFETCH(const QByteArray, build);
         QFETCH(const int, signal);
-        const QByteArray findFlags = "prefix=" + QFile::encodeName(prefix.path())
+        const QByteArray findFlags = "prefix=" + QFile::encodeName(prefix->path())
             + "; flags=$(pkg-config --cflags --libs $(find $prefix -name '*.pc')) && ";
         QVERIFY2(shell("{ " + findFlags + build + "; } > log 2>&1") == 0, contentOf(u"log"_s));
         writeProgram("gdb", "echo kept");
@@ -52,7 +52,7 @@ private Q_SLOTS:
     }
 
 private:
-    const QTemporaryDir prefix;
+    std::unique_ptr<QTemporaryDir> prefix;
 };
 
 TEST_MAIN(InstallationTest)
