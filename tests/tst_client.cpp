@@ -35,16 +35,18 @@ private Q_SLOTS:
         QTest::addColumn<QByteArray>("way");
         QTest::addColumn<QByteArrayList>("shown"); // in this order
         QTest::addColumn<QByteArray>("variable");
+        const auto row = [](const char *name, const QByteArray &way, const QByteArrayList &shown,
+                            const QByteArray &variable = "A=b") {
+            QTest::newRow(name) << way << shown << variable;
+        };
         const QByteArrayList nullPointer{"readMessageSize", "openMessage"};
-        QTest::newRow("a null pointer") << "null-pointer"_ba << nullPointer << "A=b"_ba;
-        QTest::newRow("PYTHONHOME") << "null-pointer"_ba << nullPointer << "PYTHONHOME=/nowhere"_ba;
-        QTest::newRow("LD_LIBRARY_PATH")
-            << "null-pointer"_ba << nullPointer << "LD_LIBRARY_PATH=."_ba;
-        QTest::newRow("a raised signal")
-            << "6"_ba << QByteArrayList{"raise", "crash", "main"} << "A=b"_ba;
-        QTest::newRow("an overflow of the stack")
-            << "stack-overflow"_ba << QByteArrayList(200, "countNestedReplies") << "A=b"_ba;
-        QTest::newRow("two threads") << "two-threads"_ba << nullPointer + nullPointer << "A=b"_ba;
+        row("a null pointer", "null-pointer", nullPointer);
+        row("PYTHONHOME is set", "null-pointer", nullPointer, "PYTHONHOME=/nowhere");
+        row("LD_LIBRARY_PATH is set", "null-pointer", nullPointer, "LD_LIBRARY_PATH=.");
+        row("a raised signal", "6", {"raise", "crash", "main"});
+        row("an overflow of the stack", "stack-overflow",
+            QByteArrayList(200, "countNestedReplies"));
+        row("two threads at once", "two-threads", nullPointer + nullPointer);
     }
     void theRealDebuggerShowsTheCrash()
     {
