@@ -1,5 +1,5 @@
-// The library that applications link: tests/crashingapplication.cpp uses it and really crashes, mostly
-// under the real debugger.
+// The library that applications link, as it is installed: applications of somebody else are built
+// against it and really crash, with the installed crash handler.
 
 #include "tests/support.h"
 
@@ -9,27 +9,27 @@
 #include <climits>
 #include <csignal>
 
-namespace {
-
-/// Lets tests/crashingapplication.cpp crash.
-Outcome crash(const QByteArrayList &arguments, const QByteArrayList &variables = {},
-              const QByteArray &handler = BUILD_FOLDER "/crash-handler")
-{
-    // An application can have blocked the signals of its crash.
-    const QByteArrayList command{"/usr/bin/env", "--block-signal",
-                                 BUILD_FOLDER "/tests/crashing-application", handler};
-    return run(command + arguments,
-               QByteArrayList{"PATH=" + qgetenv("PATH"), "TMPDIR=" + qgetenv("TMPDIR")}
-                   + variables);
-}
-
-} // namespace
-
 class ClientTest : public TestInFolder
 {
     Q_OBJECT
 
 private Q_SLOTS:
+    void initTestCase()
+    {
+        prefix = std::make_unique<QTemporaryDir>(u"/tmp/vastel-test-XXXXXX"_s);
+        qputenv("PREFIX", QFile::encodeName(prefix->path()));
+        build("env -u DESTDIR cmake --install '" BUILD_FOLDER "' --prefix \"$PREFIX\"");
+        // With debug information and not optimized: the reports have the frames of the source.
+        build("cc -std=c11 -Wall -Wextra -Wpedantic -Werror -g -O0 -pthread"
+              " -o \"$PREFIX/crashing-application\" '" SOURCE_FOLDER
+              "/tests/crashingapplication.c' $flags");
+    }
+
+    void theLibraryNeedsTheLibraryOfCOnly()
+    {
+        build("! nm -u $(find \"$PREFIX\" -name '*.a') | grep -E ' (_Z|__cxa|__gxx|_Unwind)'");
+    }
+
     void theRealDebuggerShowsTheCrash_data()
     {
         QTest::addColumn<QByteArray>("way");
@@ -40,12 +40,13 @@ private Q_SLOTS:
             QTest::newRow(name) << way << shown << variable;
         };
         const QByteArrayList nullPointer{"readMessageSize", "openMessage"};
+        const QByteArrayList overflow(200, "countNestedReplies");
         row("a null pointer", "null-pointer", nullPointer);
         row("PYTHONHOME is set", "null-pointer", nullPointer, "PYTHONHOME=/nowhere");
         row("LD_LIBRARY_PATH is set", "null-pointer", nullPointer, "LD_LIBRARY_PATH=.");
         row("a raised signal", "6", {"raise", "crash", "main"});
-        row("an overflow of the stack", "stack-overflow",
-            QByteArrayList(200, "countNestedReplies"));
+        row("an overflow of the stack", "stack-overflow", overflow);
+        row("an overflow of a thread's stack", "thread-stack-overflow", overflow);
         row("two threads at once", "two-threads", nullPointer + nullPointer);
     }
     void theRealDebuggerShowsTheCrash()
@@ -54,7 +55,7 @@ private Q_SLOTS:
         QFETCH(const QByteArrayList, shown);
         QFETCH(const QByteArray, variable);
         QCOMPARE(shell(": > libexpat.so.1"), 0); // gdb would load it, and it is no library
-        const Outcome outcome = crash({"3600", "0", way}, {variable});
+        const Outcome outcome = crash({"-", "3600", "0", way}, {variable});
         const QByteArray dump = dumps(outcome.output, "crashing");
         qsizetype position = 0;
         for (const QByteArray &text : shown) {
@@ -70,34 +71,38 @@ private Q_SLOTS:
     void anApplicationComesBackOnlyAfterItsMinimumUptime()
     {
         writeProgram("gdb", "echo kept");
-        const Outcome early = crash({"2", "1", "null-pointer"});
-        const Outcome late = (QFile::remove(u"crashed"_s), crash({"1", "1", "null-pointer"}));
+        const Outcome early = crash({"-", "3600", "1", "null-pointer"});
+        const Outcome late = (QFile::remove(u"crashed"_s), crash({"-", "1", "1", "null-pointer"}));
         QCOMPARE(dumps(early.output + late.output, "crashing").count("\nkept\n"), 2);
         QVERIFY(!early.output.contains("back again") && late.output.contains("back again"));
     }
 
     void eachSignalOfACrashIsReported_data()
     {
-        QTest::addColumn<QByteArray>("number");
-        for (const char *signal : {"SIGILL 4", "SIGTRAP 5", "SIGABRT 6", "SIGBUS 7", "SIGFPE 8",
-                                   "SIGSEGV 11", "SIGSYS 31"})
-            QTest::newRow(signal) << QByteArray(signal).split(' ').constLast();
+        QTest::addColumn<int>("number");
+        QTest::newRow("SIGILL") << SIGILL;
+        QTest::newRow("SIGTRAP") << SIGTRAP;
+        QTest::newRow("SIGABRT") << SIGABRT;
+        QTest::newRow("SIGBUS") << SIGBUS;
+        QTest::newRow("SIGFPE") << SIGFPE;
+        QTest::newRow("SIGSEGV") << SIGSEGV;
+        QTest::newRow("SIGSYS") << SIGSYS;
     }
     void eachSignalOfACrashIsReported()
     {
-        QFETCH(const QByteArray, number);
+        QFETCH(const int, number);
         writeProgram("gdb", "echo kept");
-        const Outcome outcome = crash({"3600", "0", number});
+        const Outcome outcome = crash({"-", "3600", "0", QByteArray::number(number)});
         const QByteArray header = dumps(outcome.output, "crashing").split('\n').constFirst();
-        const QByteArray signal = QByteArray(QTest::currentDataTag()).split(' ').constFirst();
+        const QByteArray signal = QTest::currentDataTag();
         QCOMPARE(header, "crashing has closed unexpectedly (Signal \"" + signal + "\")");
-        QCOMPARE(outcome.exitCode, 128 + number.toInt());
+        QCOMPARE(outcome.exitCode, 128 + number);
     }
 
     void aCrashIsReportedWhenTheApplicationIsKilledMeanwhile()
     {
         writeProgram("gdb", "kill -KILL $7; echo kept");
-        const Outcome outcome = crash({"3600", "0", "6"});
+        const Outcome outcome = crash({"-", "3600", "0", "6"});
         QVERIFY(dumps(outcome.output, "crashing").endsWith("\nkept\n"));
         QCOMPARE(outcome.exitCode, 128 + SIGKILL);
     }
@@ -105,7 +110,7 @@ private Q_SLOTS:
     void aForkedChildIsNotReported()
     {
         writeProgram("gdb", "echo kept");
-        const Outcome outcome = crash({"3600", "0", "forked-child"});
+        const Outcome outcome = crash({"-", "3600", "0", "forked-child"});
         QCOMPARE(dumps(outcome.output, "crashing").count("kept"), 1);
         QVERIFY(outcome.output.contains("the forked child was ended by signal 11\n"));
     }
@@ -115,35 +120,84 @@ private Q_SLOTS:
         QTest::addColumn<QByteArray>("appName");
         QTest::addColumn<QByteArray>("handlerPath");
         QTest::addColumn<int>("error");
-        QTest::newRow("no name") << QByteArray() << "/bin/sh"_ba << EINVAL;
-        QTest::newRow("a name like an option") << "-x"_ba
-                                               << "/bin/sh"_ba << EINVAL;
-        QTest::newRow("a long name") << QByteArray(PATH_MAX, 'x') << "/bin/sh"_ba << ENAMETOOLONG;
-        QTest::newRow("a folder") << "x"_ba
-                                  << "/"_ba << EACCES;
-        QTest::newRow("no program") << "x"_ba
-                                    << "/proc/version"_ba << EACCES;
-        QTest::newRow("no path") << "x"_ba << QByteArray() << EINVAL;
-        QTest::newRow("nothing there") << "x"_ba
-                                       << "/nowhere"_ba << ENOENT;
+        const auto row
+            = [](const char *name, const QByteArray &appName, const QByteArray &handlerPath,
+                 int error) { QTest::newRow(name) << appName << handlerPath << error; };
+        row("no name", {}, "/bin/sh", EINVAL);
+        row("a name like an option", "-x", "/bin/sh", EINVAL);
+        row("a long name", QByteArray(PATH_MAX, 'x'), "/bin/sh", ENAMETOOLONG);
+        row("no path", "x", {}, EINVAL);
+        row("a folder", "x", "/", EACCES);
+        row("no program", "x", "/proc/version", EACCES);
+        row("nothing there", "x", "/nowhere", ENOENT);
     }
     void settingsThatCannotReportACrashAreRefused()
     {
         QFETCH(const QByteArray, appName);
         QFETCH(const QByteArray, handlerPath);
-        const auto text
-            = [](const QByteArray &bytes) { return bytes.isNull() ? nullptr : bytes.constData(); };
-        QVERIFY(
-            !crashreporting::install({.appName = text(appName), .handlerPath = text(handlerPath)}));
+        crashreporting::Settings settings;
+        settings.appName = appName.isNull() ? nullptr : appName.constData();
+        settings.handlerPath = handlerPath.isNull() ? nullptr : handlerPath.constData();
+        QVERIFY(!crashreporting::install(settings));
         QTEST(errno, "error");
     }
 
     void anApplicationThatIsRefusedCrashesWithoutAReport()
     {
-        const Outcome outcome = crash({"0", "0", "null-pointer"}, {}, "/nowhere");
+        const Outcome outcome = crash({"/nowhere", "0", "0", "null-pointer"});
         QCOMPARE(outcome.output, "crashes will not be reported: No such file or directory\n");
         QCOMPARE(outcome.exitCode, 128 + SIGSEGV);
     }
+
+    void theExampleIsBuiltAndComesBack_data()
+    {
+        QTest::addColumn<QByteArray>("command");
+        QTest::newRow("by CMake") << QByteArray(
+            "cmake -G '" CMAKE_GENERATOR "' -D CMAKE_CXX_COMPILER='" CMAKE_CXX_COMPILER
+            "' -D CMAKE_PREFIX_PATH=\"$PREFIX\" -B . -S '" SOURCE_FOLDER "/examples'"
+            " && cmake --build .");
+        QTest::newRow("by pkg-config") << QByteArray(
+            "'" CMAKE_CXX_COMPILER "' -std=c++17 -pthread -o example-mail '" SOURCE_FOLDER
+            "/examples/examplemail.cpp' $flags");
+    }
+    void theExampleIsBuiltAndComesBack()
+    {
+        QFETCH(const QByteArray, command);
+        build(command);
+        writeProgram("gdb", "echo kept");
+        const Outcome outcome = run({"./example-mail", ".", "--crash"}, environment());
+        QVERIFY(dumps(outcome.output, "Example Mail").startsWith("Example Mail has closed"));
+        QVERIFY2(outcome.output.contains("back after a crash"), outcome.output);
+        QCOMPARE(outcome.exitCode, 128 + SIGSEGV);
+    }
+
+    void cleanupTestCase() { prefix.reset(); }
+
+private:
+    /// Runs a command of the shell, which can use $PREFIX and the compiler's $flags for the library.
+    void build(const QByteArray &command) const
+    {
+        const QByteArray findFlags = "packages=$(find \"$PREFIX\" -name '*.pc');"
+                                     "flags=${packages:+$(pkg-config --cflags --libs $packages)};";
+        const int exitCode = shell("{ " + findFlags + command + "; } > \"$PREFIX/log\" 2>&1");
+        QVERIFY2(exitCode == 0, contentOf(prefix->filePath(u"log"_s)));
+    }
+
+    static QByteArrayList environment()
+    {
+        return {"PATH=" + qgetenv("PATH"), "TMPDIR=" + qgetenv("TMPDIR")};
+    }
+
+    /// Lets the application crash.
+    Outcome crash(const QByteArrayList &arguments, const QByteArrayList &variables = {}) const
+    {
+        // An application can have blocked the signals of its crash.
+        const QByteArrayList command{"/usr/bin/env", "--block-signal",
+                                     QFile::encodeName(prefix->path()) + "/crashing-application"};
+        return run(command + arguments, environment() + variables);
+    }
+
+    std::unique_ptr<QTemporaryDir> prefix;
 };
 
 TEST_MAIN(ClientTest)
