@@ -189,7 +189,8 @@ private:
     }
 
     /// Lets the application crash.
-    Outcome crash(const QByteArrayList &arguments, const QByteArrayList &variables = {}) const
+    [[nodiscard]] Outcome crash(const QByteArrayList &arguments,
+                                const QByteArrayList &variables = {}) const
     {
         // An application can have blocked the signals of its crash.
         const QByteArrayList command{"/usr/bin/env", "--block-signal",
