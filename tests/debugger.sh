@@ -1,5 +1,5 @@
 # shellcheck shell=sh disable=SC2034
-# What the stand-ins for gdb in tst_program.cpp can use.
+# What the stand-ins for gdb in tst_program.cpp can use, and tests/application.sh.
 
 application=$7
 

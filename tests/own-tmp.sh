@@ -5,15 +5,18 @@
 # An ordinary user needs a user namespace for that, and stays the same user in it. Where the system
 # refuses, the test has the machine's /tmp, and skips the rows that would plant something there.
 #
-# Programs that crash on purpose must not leave core dumps. Debian's sh has the option:
+# Programs that crash on purpose must not leave core dumps. Debian's sh has the option.
 # shellcheck disable=SC3045
 ulimit -c 0
 if [ "$1" != --inside ]; then
+    own=
     # --keep-caps: otherwise the exec below loses the capability to mount.
-    [ "$(id -u)" -eq 0 ] && own= || own="--user --map-current-user --keep-caps"
+    if [ "$(id -u)" -ne 0 ]; then own="--user --map-current-user --keep-caps"; fi
     # shellcheck disable=SC2086 # several words
-    ! unshare $own --mount mount -t tmpfs tmpfs /tmp 2> /dev/null \
-        || exec unshare $own --mount "$0" --inside "$@"
+    if unshare $own --mount mount -t tmpfs tmpfs /tmp 2> /dev/null; then
+        # shellcheck disable=SC2086 # several words
+        exec unshare $own --mount "$0" --inside "$@"
+    fi
     echo "No /tmp of its own for this test: the system refuses it." >&2
     shift 2
     exec env --default-signal TEST_IN_PLACE=yes "$@"

@@ -14,30 +14,23 @@ int shell(const QByteArray &script);
 /// Makes the shell script \a name, in place of an earlier one that may still run.
 void writeProgram(const QByteArray &name, const QByteArray &script);
 
-/// Returns how two texts differ, as diff(1) shows it, or nothing when they are the same.
-[[nodiscard]] QByteArray difference(const QByteArray &what, const QByteArray &expected,
-                                    const QByteArray &got);
-
-/// What standard output and standard error of a program are, and when somebody reads them.
+/// What standard output and standard error of a program are.
 struct Channel
 {
-    enum Kind { Pipe, ForeignPipe, StreamSocket, DatagramSocket, Terminal };
-    enum Reader { AtOnce, WhenFull, AtTheEnd };
-
+    enum Kind { Pipe, Socket, Terminal };
     Kind kind = Pipe;
-    Reader reader = AtOnce;
-    bool fullFromTheStart = false;
+    bool isRead = true; // as soon as it is full, otherwise only after the end
 };
 
 struct Outcome
 {
     qint64 pid = 0;
-    int exitCode = 0; // as a shell counts: 128 and the number of a signal that ends the program
+    int exitCode = 0; // as a shell counts: 128 + signal; -1 when something did not end
     QByteArray output = {};
     bool keptFlags = true; // those of the channel, which other programs share
 };
 
-/// Runs \a command until it and all that it has started have ended.
+/// Runs \a command until it and all that it has started have ended. Fails the row if they do not.
 Outcome run(const QByteArrayList &command, const QByteArrayList &environment,
             const Channel &channel = {});
 
@@ -60,8 +53,6 @@ protected:
     /// Returns the contents of the dump files of which \a log speaks, or else of those that begin with
     /// \a appName, and removes them after the row.
     QByteArray dumps(const QByteArray &log, const QByteArray &appName);
-    /// Keeps what this process logs from here to the end of the row, as "level text".
-    QStringList &keepLog();
 
     /// What the row plants in /tmp is seen by its own programs only.
     [[nodiscard]] static bool hasOwnTmp() { return qEnvironmentVariableIsSet("TEST_HAS_OWN_TMP"); }
@@ -73,7 +64,6 @@ private:
     bool hadDumpFolder = false;
     QStringList dumpFiles;
     std::unique_ptr<QTemporaryDir> folder;
-    QtMessageHandler messageHandler = nullptr;
 };
 
 /// Run by itself, a test program starts again inside tests/own-tmp.sh.
