@@ -1,6 +1,7 @@
-// The whole program, started by an application that crashes: tests/application.sh, with a stand-in for gdb.
-// Begin with tests/ordinary.log and tests/ordinary.dump, which an ordinary run leaves behind. A row says
-// what is different from that run, and the log and the dump file that must come out.
+// The whole program, started by an application that crashes: tests/application.sh, with a stand-in
+// for gdb. Begin with tests/ordinary.log and tests/ordinary.dump, which an ordinary run leaves
+// behind. A row says what is different from that run, and the log and the dump file that must come
+// out.
 
 #include "tests/support.h"
 
