@@ -35,8 +35,8 @@ static int openMessage(void)
 
 static int countNestedReplies(int depth)
 {
-    // Large, so that there are hundreds of frames, not hundreds of thousands.
-    volatile int repliesAt[8 * 1024];
+    // Smaller than a page, so that no frame skips the guard page of a thread's stack.
+    volatile int repliesAt[512];
     repliesAt[0] = depth;
     return depth < 0 ? 0 : countNestedReplies(depth + 1) + repliesAt[0];
 }

@@ -40,8 +40,7 @@ private Q_SLOTS:
             QTest::newRow(name) << way << shown << variable;
         };
         const QByteArrayList nullPointer{"readMessageSize", "openMessage"};
-        // The stack of a thread can have 2 MiB only, for frames of 32 KiB.
-        const QByteArrayList overflow(50, "countNestedReplies");
+        const QByteArrayList overflow(200, "countNestedReplies");
         row("a null pointer", "null-pointer", nullPointer);
         row("PYTHONHOME is set", "null-pointer", nullPointer, "PYTHONHOME=/nowhere");
         row("LD_LIBRARY_PATH is set", "null-pointer", nullPointer, "LD_LIBRARY_PATH=.");

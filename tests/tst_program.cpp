@@ -30,7 +30,7 @@ Report ordinary()
 struct Setup
 {
     /// The stand-in for gdb, a shell script that can use tests/debugger.sh. Null for none.
-    QByteArray debugger = R"(printf 'kept\n[Current thread is 1 (x)]\n')";
+    QByteArray debugger = R"(printf 'kept\n[Current thread is 1 (x)]\n' >&2)";
     QByteArray start = R"(exec "$0" ü)"; // how the shell starts the application
     QByteArray startHandler = R"("$@")"; // how the application starts the crash handler
     QByteArrayList variables = {};
