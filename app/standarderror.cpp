@@ -72,7 +72,10 @@ ssize_t writePatiently(void * /*cookie*/, const char *text, std::size_t size)
     const itimerval stopped{};
     itimerval rest{};
     ::setitimer(ITIMER_REAL, &stopped, &rest);
-    if (hasWaited)
+    // Another writer can take the room between the poll and the write: then only the time tells.
+    timeval passed{};
+    timersub(&patience, &rest.it_value, &passed);
+    if (hasWaited || timercmp(&passed, &repetition, >))
         patience = rest.it_value;
     setTerminalStop(SIG_UNBLOCK);
     // What is lost is no error of the stream: the next text may fit.
