@@ -1,7 +1,6 @@
 #include "client/crashreporting_c.h"
 
 #include <array>
-#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <csignal>
@@ -15,7 +14,7 @@
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 /// Lies at the beginning of the memory of a signal stack.
@@ -51,13 +50,14 @@ using Text = std::array<char, PATH_MAX>;
 struct Process
 {
     pid_t id;
-    std::atomic<pid_t> crashedThread; // 0 before a crash
+    pid_t crashedThread; // 0 before a crash
 };
-static_assert(std::atomic<pid_t>::is_always_lock_free,
-              "the signal handler must not wait for a lock");
 
 /// Permits the child to go on. Any signal serves: the child has all of them blocked.
 constexpr int permissionSignal = SIGUSR1;
+
+/// The size of a set of signals in the kernel, in bytes. In sigset_t, the rest is unused.
+constexpr std::size_t signalSetSize = _NSIG / CHAR_BIT;
 
 // Everything that the signal handler reads is set before it is installed.
 Process *installedProcess;
@@ -101,8 +101,9 @@ void waitForPermission(pid_t parent)
     sigset_t permissionSignals;
     sigemptyset(&permissionSignals);
     sigaddset(&permissionSignals, permissionSignal);
-    siginfo_t info;
-    while (sigwaitinfo(&permissionSignals, &info) == -1 || info.si_pid != parent) { }
+    siginfo_t info = {};
+    while (info.si_pid != parent)
+        syscall(SYS_rt_sigtimedwait, &permissionSignals, &info, nullptr, signalSetSize);
     // It would stay set across execve(2), and a crash handler goes on when its parent is killed.
     prctl(PR_SET_PDEATHSIG, 0, 0, 0, 0);
 }
@@ -127,26 +128,56 @@ void waitForPermission(pid_t parent)
     _exit(commandNotFound);
 }
 
+/// The ID of the calling thread. gettid(3) may look it up in the thread's memory.
+pid_t threadId()
+{
+    return static_cast<pid_t>(syscall(SYS_gettid));
+}
+
+/// Forks without the handlers of pthread_atfork(3) and the allocator's lock, of which fork(3) would
+/// make use.
+pid_t forkProcess()
+{
+#ifdef __s390__ // takes the first two arguments in the other order (clone(2))
+    return static_cast<pid_t>(syscall(SYS_clone, 0, SIGCHLD, 0, 0, 0));
+#else
+    return static_cast<pid_t>(syscall(SYS_clone, SIGCHLD, 0, 0, 0, 0));
+#endif
+}
+
+/// Where the first thread that has crashed stands in the report.
+[[gnu::noinline]] void awaitCrashHandler(pid_t child)
+{
+    syscall(SYS_wait4, child, nullptr, 0, nullptr);
+}
+
+/// Where every later thread that has crashed stands in the report.
+[[noreturn, gnu::noinline]] void waitForever()
+{
+    while (true)
+        syscall(SYS_ppoll, nullptr, 0, nullptr, nullptr, 0);
+}
+
 /// Starts the crash handler and waits for its end.
 void reportCrash(int signalNumber)
 {
-    // Only the first crash is reported. Every later thread waits here, so that the report shows
-    // where it stood, until the first one ends the process. The first thread can come back: SIGABRT
-    // does not end process 1 of a container, and abort(3) then raises another signal. It must not
-    // wait then.
+    // Only the first crash is reported. Every later thread waits until the first one ends the
+    // process. The first thread can come back: SIGABRT does not end process 1 of a container, and
+    // abort(3) then raises another signal. It must not wait then.
+    const pid_t thread = threadId();
     pid_t firstThread = 0;
-    if (!installedProcess->crashedThread.compare_exchange_strong(firstThread, gettid())) {
-        while (firstThread != gettid())
-            pause();
+    if (!__atomic_compare_exchange_n(&installedProcess->crashedThread, &firstThread, thread, false,
+                                     __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST)) {
+        if (firstThread != thread)
+            waitForever();
         return;
     }
 
-    // If it is ignored, waitpid(2) may wait for all children of the application (wait(2)).
+    // If it is ignored, wait4(2) may wait for all children of the application (wait(2)).
     setDefaultAction(SIGCHLD);
 
-    // fork(3) would run the handlers of pthread_atfork(3) and take the allocator's lock.
     const pid_t parent = getpid();
-    const pid_t child = _Fork();
+    const pid_t child = forkProcess();
     if (child == 0)
         becomeCrashHandler(parent, signalNumber);
     if (child == -1)
@@ -156,31 +187,27 @@ void reportCrash(int signalNumber)
     // fails.
     prctl(PR_SET_PTRACER, child, 0, 0, 0);
     kill(child, permissionSignal);
-    while (waitpid(child, nullptr, 0) == -1 && errno == EINTR) { }
+    awaitCrashHandler(child);
 }
 
 /// The signal handler. The crash may have left any lock taken, so everything that it calls is
-/// async-signal-safe. signal-safety(7) lists most of that. The rest, in glibc: prctl(), gettid()
-/// and sigwaitinfo() are plain system calls; closefrom() is one since Linux 5.9, and makes a few
-/// without memory of the heap before that; pthread_setcancelstate() sets flags of the thread;
-/// _Fork() is in the list of POSIX.1-2024.
+/// async-signal-safe (signal-safety(7); prctl(2) and closefrom(3) are so in glibc). And it may have
+/// overwritten the thread's own memory, which lies behind the end of its stack: the C library's
+/// descriptor of the thread and its thread-local variables. So what reads them is not used here:
+/// errno, and the functions for which syscall(2) stands.
 void onCrash(int signalNumber)
 {
-    // A thread that is cancelled in waitpid(2) or pause(2) would leave this function, and the
-    // process would live on.
-    int earlierState;
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &earlierState);
-
     // False in a forked child. After vfork(2) the child shares this memory but has another ID.
     // After fork(2) in a new PID namespace it can have the same ID, but the kernel has set its copy
     // to 0 (MADV_WIPEONFORK).
-    if (installedProcess->id == getpid())
+    const pid_t process = getpid();
+    if (installedProcess->id == process)
         reportCrash(signalNumber);
 
     // The signal is blocked until this function returns, and then ends the process where it
     // crashed.
     setDefaultAction(signalNumber);
-    raise(signalNumber);
+    syscall(SYS_tgkill, process, threadId(), signalNumber);
 }
 
 /// Returns memory of its own pages, or null with errno.
@@ -273,8 +300,9 @@ int vastel_mail_install_crash_reporting(const struct vastel_mail_crash_settings 
     struct sigaction action = {};
     action.sa_handler = onCrash;
     action.sa_flags = SA_ONSTACK;
-    // Nothing else of the application is to run on the crashed thread any more.
-    sigfillset(&action.sa_mask);
+    // Nothing else of the application is to run on the crashed thread any more. sigfillset(3) would
+    // leave out the signal by which a thread is cancelled: the process would live on.
+    std::memset(&action.sa_mask, 0xff, sizeof action.sa_mask);
     // A fault whose signal is blocked would end the process unreported.
     sigset_t unblocked;
     sigemptyset(&unblocked);
