@@ -3,9 +3,8 @@
 // Starts the crash handler when the application crashes. This is the interface for C (C11) and for
 // every language that can call C; crashreporting.h wraps it for C++. integration.md is the guide.
 //
-// A later version may add fields to the settings, which VASTEL_MAIL_CRASH_SETTINGS_INIT fills in.
-// The library is static, so that breaks no program that is linked already. Link the library only
-// with what is compiled with its own headers.
+// The structure of the settings does not change within a major version: languages that cannot read
+// this header repeat it.
 
 #include <vastel-mail/handlerpath.h>
 
