@@ -1,20 +1,19 @@
 #include "app/standarderror.h"
 
-#include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <csignal>
 #include <cstdio>
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/time.h>
 #include <unistd.h>
 
 namespace {
 
-/// The timer fires again and again: a single signal could arrive just before the write that it is
-/// to end.
+/// Once it has fired, the timer does so again and again: a single signal could arrive just before
+/// the write that it is to end.
 constexpr timeval repetition{0, 1000}; // 1 ms
 
 volatile std::sig_atomic_t isPatienceOver = 0;
@@ -22,12 +21,6 @@ volatile std::sig_atomic_t isPatienceOver = 0;
 void endPatience(int /*signal*/)
 {
     isPatienceOver = 1;
-}
-
-bool isWritable(int timeout)
-{
-    pollfd standardError{STDERR_FILENO, POLLOUT, 0};
-    return ::poll(&standardError, 1, timeout) == 1;
 }
 
 /// Under "stty tostop", SIGTTOU would stop a background process that writes to its terminal, and
@@ -41,44 +34,50 @@ void setTerminalStop(int how)
     ::sigprocmask(how, &signals, nullptr);
 }
 
+/// How often this process has slept until something happened. A process that merely lets others
+/// have the processor is not counted (getrusage(2)).
+long countSleeps()
+{
+    rusage usage = {};
+    ::getrusage(RUSAGE_THREAD, &usage);
+    return usage.ru_nvcsw;
+}
+
+void waitUntilWritable()
+{
+    pollfd standardError{STDERR_FILENO, POLLOUT, 0};
+    ::poll(&standardError, 1, -1);
+}
+
 /// Writes to standard error. O_NONBLOCK would be the usual way not to wait. But it belongs to the
 /// open file description, which other processes share, and not everything can be opened anew. So a
 /// timer interrupts a write that waits.
 ssize_t writePatiently(void * /*cookie*/, const char *text, std::size_t size)
 {
-    static timeval patience{1, 0}; // what is left of the second; passes only while a text waits
-    const itimerval running{repetition, isPatienceOver != 0 ? repetition : patience};
-    setTerminalStop(SIG_BLOCK);
-    ::setitimer(ITIMER_REAL, &running, nullptr);
-
-    std::size_t written = 0;
-    bool hasWaited = false;
-    while (written < size) {
-        const bool mustWait = !isWritable(0);
-        if (mustWait && isPatienceOver != 0)
-            break;
-        hasWaited = hasWaited || mustWait;
-        // A pipe that is writable takes this much without a wait (pipe(7)).
-        const std::size_t piece = std::min<std::size_t>(size - written, PIPE_BUF);
-        const ssize_t count = ::write(STDERR_FILENO, text + written, piece);
-        if (count > 0)
-            written += static_cast<std::size_t>(count);
-        else if (count == -1 && errno == EAGAIN && isPatienceOver == 0)
-            isWritable(-1); // was inherited with O_NONBLOCK
-        else if (count == 0 || errno != EINTR || isPatienceOver != 0)
-            break;
-    }
-
+    static timeval patience{1, 0}; // what is left of the second
+    const itimerval running{repetition, patience};
     const itimerval stopped{};
     itimerval rest{};
+
+    const long earlierSleeps = countSleeps();
+    setTerminalStop(SIG_BLOCK);
+    ::setitimer(ITIMER_REAL, &running, nullptr);
+    std::size_t written = 0;
+    while (written < size && isPatienceOver == 0) {
+        const ssize_t count = ::write(STDERR_FILENO, text + written, size - written);
+        if (count >= 0)
+            written += static_cast<std::size_t>(count);
+        else if (errno == EAGAIN)
+            waitUntilWritable(); // was inherited with O_NONBLOCK
+        else if (errno != EINTR)
+            break;
+    }
     ::setitimer(ITIMER_REAL, &stopped, &rest);
-    // Another writer can take the room between the poll and the write: then only the time tells.
-    timeval passed{};
-    timersub(&patience, &rest.it_value, &passed);
-    if (hasWaited || timercmp(&passed, &repetition, >))
-        patience = rest.it_value;
     setTerminalStop(SIG_UNBLOCK);
-    // What is lost is no error of the stream: the next text may fit.
+    // On a busy machine any call can take long. Only a write that has slept waited for the reader.
+    if (countSleeps() != earlierSleeps)
+        patience = rest.it_value;
+    // To the stream, the end of the log is no error.
     return static_cast<ssize_t>(size);
 }
 
@@ -94,9 +93,16 @@ void enlargePipe()
 
 void boundWaitsOfStandardError()
 {
+    // A file and /dev/null have no reader. Unlike a pipe, a socket and a terminal, they have a
+    // position (lseek(2)).
+    if (::lseek(STDERR_FILENO, 0, SEEK_CUR) != -1)
+        return;
     std::FILE *stream = ::fopencookie(nullptr, "w", {nullptr, writePatiently, nullptr, nullptr});
     if (stream == nullptr)
         return;
+    // As standard error is by default: what a library says before it aborts must not stay in a
+    // buffer.
+    std::setvbuf(stream, nullptr, _IONBF, 0);
     // Without SA_RESTART, so that the signal ends a write that waits.
     struct sigaction action = {};
     action.sa_handler = endPatience;

@@ -1,13 +1,15 @@
 #pragma once
 
 /// Lets the stream `stderr`, to which Qt's message handler and this program write, wait for the
-/// reader of standard error for at most one second in all. After that, text that standard error
-/// does not take at once is lost. It makes no difference whether standard error is a pipe, a
-/// socket, a terminal or anything else. A pipe gets room for 1 MiB, where the system allows that,
-/// so that a large log fits in before anybody reads it.
+/// reader of standard error for at most one second in all. When that is used up, the log ends:
+/// nothing more is written, whether the reader comes back or not. This is so for a pipe, a socket
+/// and a terminal. A pipe gets room for 1 MiB, where the system allows that, so that a large log
+/// fits in before anybody reads it. A file has no reader; on a file system that no longer answers,
+/// a write waits without a bound, because no signal ends it.
 ///
 /// Standard error itself stays as it was inherited, with all flags: the debugger and the restarted
-/// application share it. SIGALRM calls a signal handler from here on; execve(2) resets that.
+/// application share it. SIGALRM calls a signal handler from here on; execve(2) resets that. The
+/// stream is unbuffered, like the one that it replaces.
 ///
 /// Call it once, before the first text, and after all signals have got their actions. It logs
 /// nothing. When it fails, for want of memory, the stream stays as it is.
