@@ -40,6 +40,9 @@ QProcessEnvironment debuggerEnvironment(QProcessEnvironment inherited)
     // With this variable, the debugger would ask in the report whether it may use a server. Nothing
     // here may reach a network.
     inherited.remove(u"DEBUGINFOD_URLS"_s);
+    // The debugger reads its history even in batch mode, by default from the working directory,
+    // where anybody could have made a FIFO of that name.
+    inherited.insert(u"GDBHISTFILE"_s, u"/dev/null"_s);
     // The crash handler and readers of reports look for the untranslated texts of the debugger, and
     // its output is decoded as UTF-8. LANGUAGE would translate even in this locale.
     inherited.insert(u"LC_ALL"_s, u"C.UTF-8"_s);

@@ -34,7 +34,7 @@ public:
     /// The debugger has the environment and the working directory of this process, except:
     ///
     /// - Variables that begin with PYTHON or LD_, LANGUAGE and DEBUGINFOD_URLS are unset.
-    /// - LC_ALL is C.UTF-8.
+    /// - LC_ALL is C.UTF-8, GDBHISTFILE is /dev/null.
     /// - If the working directory has been removed, the debugger starts in "/".
     ///
     /// When the command file cannot be created or written, which is logged as critical, error() is
