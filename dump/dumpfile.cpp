@@ -19,7 +19,8 @@ const QString dumpFileSuffix = u".dump"_s;
 QString ensuredDirectory(const QString &dumpDirectory)
 {
     const QString directory = dumpDirectory.isEmpty() ? defaultDumpDirectory : dumpDirectory;
-    // In a folder that its owner cannot enter, this report and all later ones would be lost.
+    // In a folder that its owner cannot enter, this report and all later ones would be lost. In one
+    // that everybody can write to, anybody could delete them.
     const OwnerUmask ownerUmask;
     if (QDir().exists(directory) || QDir().mkpath(directory))
         return directory;

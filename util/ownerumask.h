@@ -2,9 +2,10 @@
 
 #include <sys/stat.h>
 
-/// While it exists, the umask takes no rights from the owner of files and folders that are created.
-/// What the inherited umask takes from the group and from others, it still takes. The destructor
-/// sets the inherited umask again, for the restarted application. See umask(2).
+/// While it exists, files and folders are created for their owner: the umask takes no rights from
+/// the owner, and from the group and from others it takes the right to write and what the inherited
+/// umask takes. The destructor sets the inherited umask again, for the restarted application. See
+/// umask(2).
 ///
 /// The umask belongs to the process: only for programs of one thread.
 class OwnerUmask
@@ -13,7 +14,7 @@ public:
     OwnerUmask()
         : inherited(::umask(0))
     {
-        ::umask(inherited & ~mode_t(S_IRWXU));
+        ::umask((inherited & ~mode_t(S_IRWXU)) | S_IWGRP | S_IWOTH);
     }
     ~OwnerUmask() { ::umask(inherited); }
     OwnerUmask(const OwnerUmask &) = delete;
