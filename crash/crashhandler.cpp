@@ -6,6 +6,7 @@
 #include "util/logging.h"
 
 #include <QCoreApplication>
+#include <QFileInfo>
 #include <QProcess>
 #include <QProcessEnvironment>
 #include <QRegularExpression>
@@ -29,6 +30,15 @@ void quitEventLoop()
 {
     QMetaObject::invokeMethod(QCoreApplication::instance(), &QCoreApplication::quit,
                               Qt::QueuedConnection);
+}
+
+/// False where /proc shows another PID namespace than the one in which this process lives. The same
+/// ID then names another process there. A system without /proc has nothing that could mislead.
+bool isProcOfThisNamespace()
+{
+    const QFileInfo self(u"/proc/self"_s);
+    return !self.isSymLink()
+        || self.symLinkTarget() == u"/proc/%1"_s.arg(QCoreApplication::applicationPid());
 }
 
 /// Appends \a entries to \a list, each byte as the Latin-1 character of its code: no byte is lost,
@@ -110,7 +120,7 @@ CrashHandler::CrashHandler(qint64 pid, const QString &appName, const QString &si
             &CrashHandler::onBacktraceChunk);
     connect(&d->collector, &BacktraceCollector::backtrace, this,
             &CrashHandler::onBacktraceFinished);
-    if (restartDisabled || !collectRestartInfo())
+    if (restartDisabled || !isProcOfThisNamespace() || !collectRestartInfo())
         qCWarning(logCrashHandler) << "Unable to restart";
 }
 
