@@ -46,7 +46,7 @@ int main(int argc, char *argv[])
     qInfo() << "Starting crash handler";
     const QCoreApplication application(argc, argv);
     qDebug() << "Setting application name";
-    // Begins the name of the debugger's command file.
+    // The name of the debugger's command file begins with it.
     QCoreApplication::setApplicationName(u"Crash Handler"_s);
 
     QCommandLineParser parser;

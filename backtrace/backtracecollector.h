@@ -13,9 +13,9 @@ class BacktraceCollectorPrivate;
 /// end.
 ///
 /// The owner constructs it, connects its signals, calls start() once, and runs the event loop of
-/// its thread. kill() and isRunning() may be called at any time. Only the destructor waits for the
-/// debugger. Each start() while no debugger runs ends in exactly one of backtrace() and error().
-/// After that, this debugger causes no further signal.
+/// its thread. The collection ends in exactly one of backtrace() and error(), after which no signal
+/// follows. kill() and isRunning() may be called at any time. Only the destructor waits for the
+/// debugger.
 ///
 /// The destructor kills a debugger that still runs (Qt logs a warning then), waits for its end for
 /// at most 30 seconds, and removes its command file. It emits no signal. Every step is logged
@@ -45,9 +45,10 @@ public:
     /// A full disk can go unnoticed: when the commands are lost as the file is closed, the debugger
     /// runs without commands and succeeds, and backtrace() delivers what little it prints.
     ///
-    /// Do not call it while a debugger runs: QProcess refuses a second one, and no signal answers
-    /// this call. The output of a later collection is appended to that of the earlier ones. After a
-    /// debugger that crashed or could not be started, every later collection ends in error().
+    /// A second call is not meant. While a debugger runs, QProcess refuses another one, and no signal
+    /// answers the call. After its end there is a further collection, whose output is appended to
+    /// the earlier one. It ends in error() if that one did because the debugger crashed or could not
+    /// be started.
     void start(qint64 pid);
 
     /// Kills the debugger at once (SIGKILL), also while it is still being started. This is then

@@ -40,27 +40,25 @@ constexpr std::array crashSignals{
     CrashSignal{SIGSYS, "SIGSYS"},
 };
 
-/// The exit code by which a shell, too, reports a program that it cannot start.
-constexpr int commandNotFound = 127;
-
 /// A copied setting. Not on the heap, which a crashing application may have damaged.
 using Text = std::array<char, PATH_MAX>;
 
-/// What is true of the process that called install(), and of none of its children.
-struct Process
+/// Lies in memory that the kernel clears in forked children.
+struct Installation
 {
-    pid_t id;
+    pid_t process;
     pid_t crashedThread; // 0 before a crash
 };
 
-/// Permits the child to go on. Any signal serves: the child has all of them blocked.
+/// Tells the child that its parent has permitted it to trace, which Yama may require. Any signal
+/// serves: the child has all of them blocked.
 constexpr int permissionSignal = SIGUSR1;
 
 /// The size of a set of signals in the kernel, in bytes. In sigset_t, the rest is unused.
 constexpr std::size_t signalSetSize = _NSIG / CHAR_BIT;
 
 // Everything that the signal handler reads is set before it is installed.
-Process *installedProcess;
+Installation *installation;
 Text handlerPath;
 Text appName;
 long long minimumUptime; // seconds
@@ -125,7 +123,7 @@ void waitForPermission(pid_t parent)
     // /proc/PID/environ.
     char *const noVariables[] = {nullptr};
     execve(handlerPath.data(), argv, noVariables);
-    _exit(commandNotFound);
+    _exit(EXIT_FAILURE);
 }
 
 /// The ID of the calling thread. gettid(3) may look it up in the thread's memory.
@@ -166,7 +164,7 @@ void reportCrash(int signalNumber)
     // abort(3) then raises another signal. It must not wait then.
     const pid_t thread = threadId();
     pid_t firstThread = 0;
-    if (!__atomic_compare_exchange_n(&installedProcess->crashedThread, &firstThread, thread, false,
+    if (!__atomic_compare_exchange_n(&installation->crashedThread, &firstThread, thread, false,
                                      __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST)) {
         if (firstThread != thread)
             waitForever();
@@ -201,7 +199,7 @@ void onCrash(int signalNumber)
     // After fork(2) in a new PID namespace it can have the same ID, but the kernel has set its copy
     // to 0 (MADV_WIPEONFORK).
     const pid_t process = getpid();
-    if (installedProcess->id == process)
+    if (installation->process == process)
         reportCrash(signalNumber);
 
     // The signal is blocked until this function returns, and then ends the process where it
@@ -280,14 +278,14 @@ int vastel_mail_install_crash_reporting(const struct vastel_mail_crash_settings 
     if (findProgram(settings->handler_path, path) == -1)
         return -1;
 
-    void *const memory = mapMemory(sizeof(Process));
+    void *const memory = mapMemory(sizeof(Installation));
     if (memory == nullptr)
         return -1;
 
     // Nothing fails from here on. Kernels before 4.14 refuse this advice: a forked child is then
     // recognized by its process ID only.
-    madvise(memory, sizeof(Process), MADV_WIPEONFORK);
-    installedProcess = new (memory) Process{getpid(), 0};
+    madvise(memory, sizeof(Installation), MADV_WIPEONFORK);
+    installation = new (memory) Installation{getpid(), 0};
     handlerPath = path;
     std::memcpy(appName.data(), settings->app_name, appNameSize);
     minimumUptime = settings->minimum_uptime;

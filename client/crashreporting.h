@@ -6,7 +6,6 @@
 #include <vastel-mail/crashreporting_c.h>
 
 #include <chrono>
-#include <csignal> // so that applications have the names of the signals as well
 
 /// Starts the crash handler when the application crashes.
 namespace crashreporting {

@@ -41,8 +41,8 @@ bool isProcOfThisNamespace()
         || self.symLinkTarget() == u"/proc/%1"_s.arg(QCoreApplication::applicationPid());
 }
 
-/// Appends \a entries to \a list, each byte as the Latin-1 character of its code: no byte is lost,
-/// whatever the encoding.
+/// Appends \a entries to \a list, each byte as the Latin-1 character of its code. This is the form
+/// in which the log shows them, and no byte is lost, whatever the encoding.
 void appendLatin1(QStringList &list, const QByteArrayList &entries)
 {
     for (const QByteArray &entry : entries)

@@ -52,7 +52,7 @@ int main(int argc, char *argv[])
     if (argc > 2 && argv[2] == std::string("--crash") && !isBack) {
         std::this_thread::sleep_for(settings.minimumUptime);
         const int *volatile message = nullptr; // volatile hides the null from the compiler
-        std::cout << sizeOfMessage(message) << " bytes\n"; // unused, it would not be read
+        std::cout << sizeOfMessage(message) << " bytes\n"; // compilers drop a read without a use
     }
     endOfSession.set_value();
     fetcher.join();
