@@ -6,6 +6,7 @@
 set -euo pipefail
 
 script_name=$(basename "$0")
+unset CDPATH # cd would look for a relative path there first
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 mkdir -p build/log
 log_file=$PWD/build/log/$script_name.log
