@@ -126,14 +126,14 @@ void waitForPermission(pid_t parent)
     _exit(EXIT_FAILURE);
 }
 
-/// The ID of the calling thread. gettid(3) may look it up in the thread's memory.
+/// The ID of the calling thread. gettid() is free to keep it in the thread's memory.
 pid_t threadId()
 {
     return static_cast<pid_t>(syscall(SYS_gettid));
 }
 
-/// Forks without the handlers of pthread_atfork(3) and the allocator's lock, of which fork(3) would
-/// make use.
+/// Forks. fork() would run the handlers of pthread_atfork(3) and take the allocator's lock; _Fork()
+/// writes to the thread's memory.
 pid_t forkProcess()
 {
 #ifdef __s390__ // takes the first two arguments in the other order (clone(2))
