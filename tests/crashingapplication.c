@@ -77,7 +77,7 @@ int main(int argc, char *argv[])
     if (argc != 5)
         return EXIT_FAILURE;
     struct vastel_mail_crash_settings settings = VASTEL_MAIL_CRASH_SETTINGS_INIT;
-    settings.app_name = "crashing";
+    settings.app_name = getenv("NAME"); // by which the test finds its dump file
     if (strcmp(argv[1], "-") != 0)
         settings.handler_path = argv[1];
     settings.minimum_uptime = atoi(argv[2]);

@@ -6,35 +6,30 @@ using namespace Qt::StringLiterals;
 
 inline constexpr int patience = 60'000; // ms; reached only when something is broken
 
+/// Returns nothing for what is no regular file: a FIFO would wait for its writer.
 [[nodiscard]] QByteArray contentOf(const QString &path);
 
-/// Returns the exit code of \a script.
-int shell(const QByteArray &script);
+/// Runs \a script, which can use tests/functions.sh. Returns what it prints, and then its exit
+/// status, unless that is 0.
+QByteArray shell(const QByteArray &script);
 
 /// Makes the shell script \a name, in place of an earlier one that may still run.
 void writeProgram(const QByteArray &name, const QByteArray &script);
 
-/// What standard output and standard error of a program are.
-struct Channel
-{
-    enum Kind { Pipe, Socket, Terminal };
-    Kind kind = Pipe;
-    bool isRead = true; // as soon as it is full, otherwise only after the end
-};
-
 struct Outcome
 {
     qint64 pid = 0;
-    int exitCode = 0; // as a shell counts: 128 + signal; -1 when something did not end
-    QByteArray output = {};
-    bool keptFlags = true; // those of the channel, which other programs share
+    int exitCode = 0; // as a shell counts: 128 + signal
+    QByteArray output = {}; // standard output and standard error
 };
 
-/// Runs \a command until it and all that it has started have ended. Fails the row if they do not.
-Outcome run(const QByteArrayList &command, const QByteArrayList &environment,
-            const Channel &channel = {});
+/// Runs \a command, which begins with its variables (env(1)), until it and all that it has started
+/// have ended. Fails the row if they do not.
+Outcome runToEnd(const QByteArrayList &command);
 
-/// Each row has a folder of its own, which is the current one and the first on the search path.
+/// Each row has a folder of its own, which is the current one, the first on the search path, and
+/// the one for temporary files. Its path is in the variable FOLDER, its last component in NAME: the
+/// name of each application ends with that. So its dump files are found, and removed after the row.
 class TestInFolder : public QObject
 {
     Q_OBJECT
@@ -49,20 +44,7 @@ protected Q_SLOTS:
     void cleanup();
 
 protected:
-    [[nodiscard]] QByteArray path() const { return QFile::encodeName(folder->path()); }
-    /// Returns the contents of the dump files of which \a log speaks, or else of those that begin with
-    /// \a appName, and removes them after the row.
-    QByteArray dumps(const QByteArray &log, const QByteArray &appName);
-
-    /// What the row plants in /tmp is seen by its own programs only.
-    [[nodiscard]] static bool hasOwnTmp() { return qEnvironmentVariableIsSet("TEST_HAS_OWN_TMP"); }
-    /// Call it before QSKIP(): a test whose rows are all skipped fails.
-    void countAsSkipped() { --rows; }
-
-private:
-    int rows = 0;
-    bool hadDumpFolder = false;
-    QStringList dumpFiles;
+    int rows = 0; // that have run; a row that skips itself takes itself off
     std::unique_ptr<QTemporaryDir> folder;
 };
 

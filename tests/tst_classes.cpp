@@ -16,6 +16,12 @@ class ClassesTest : public TestInFolder
     Q_OBJECT
 
 private Q_SLOTS:
+    void initTestCase()
+    {
+        qSetMessagePattern(u"%{type} %{message}"_s);
+        qInstallMessageHandler(record);
+    }
+
     void appendedFilesArePrivateWhateverTheUmask()
     {
         for (const mode_t mask : {0777U, 0U}) {
@@ -24,7 +30,7 @@ private Q_SLOTS:
                 && writeToFile(u"file"_s, "b\0\xfc"_ba);
             QCOMPARE(::umask(earlierMask), mask);
             QVERIFY(isWritten);
-            QCOMPARE(shell("test $(stat -c %a file) = 600"), 0);
+            QCOMPARE(shell("stat -c %a file"), "600\n");
             QCOMPARE(readBinaryFile(u"file"_s), "a\r\nb\0\xfc"_ba);
             QCOMPARE(readFile(u"file"_s), "a\nb\0\xfc"_ba);
             QVERIFY(QFile::remove(u"file"_s));
@@ -34,21 +40,21 @@ private Q_SLOTS:
     void aFailedWriteIsReported()
     {
         QVERIFY(writeToFile(u"/dev/full"_s, "lost when the file is closed"));
-        QTest::ignoreMessage(QtDebugMsg, "Wrote -1 bytes to file: \"/dev/full\"");
         QVERIFY(!writeToFile(u"/dev/full"_s, QByteArray(1'000'000, 'x')));
+        QVERIFY(log.endsWith("debug Wrote -1 bytes to file: \"/dev/full\"\n"));
     }
 
     void anotherProcessCanAppendMeanwhileAndDoesNotInheritTheFile()
     {
         const auto append = [](QtMsgType, const QMessageLogContext &, const QString &text) {
             if (text.startsWith(u"Wrote")) // and the file is still open
-                QCOMPARE(shell("echo second >> file; ! ls -l /proc/self/fd | grep -q /file"), 0);
+                QCOMPARE(shell("echo second >> file; find /proc/self/fd -lname '*/file'"), "");
         };
         const QtMessageHandler earlierHandler = qInstallMessageHandler(append);
         const bool isWritten = writeToFile(u"file"_s, "first\n");
         qInstallMessageHandler(earlierHandler);
         QVERIFY(isWritten);
-        QCOMPARE(contentOf(u"file"_s), QByteArray("second\nfirst\n"));
+        QCOMPARE(contentOf(u"file"_s), "second\nfirst\n");
     }
 
     void whatAnotherUserCanHavePlantedIsRefused_data()
@@ -60,27 +66,37 @@ private Q_SLOTS:
             // Only root can make the last two, and not in every container.
             const QTemporaryDir trial(u"/tmp/vastel-test-XXXXXX"_s);
             const QByteArray enter = "cd " + QFile::encodeName(trial.path()) + " && : > mine && ";
-            if (shell(enter + command + " 2> log") == 0)
+            if (shell(enter + command).isEmpty())
                 QTest::newRow(command.constData()) << command;
         }
     }
     void whatAnotherUserCanHavePlantedIsRefused()
     {
         QFETCH(const QByteArray, planted);
-        QCOMPARE(shell("echo 1 > mine; " + planted), 0);
-        QTest::ignoreMessage(QtCriticalMsg, "Failed to open file for writing: \"file\"");
-        QTest::ignoreMessage(QtWarningMsg, "Warning: Could not open  \"file\"");
+        QCOMPARE(shell("echo 1 > mine; " + planted), "");
+        log.clear();
         QVERIFY(!writeToFile(u"file"_s, "secret"));
-        QCOMPARE(contentOf(u"mine"_s), QByteArray("1\n"));
+        QCOMPARE(log,
+                 "debug Writing to file: \"file\"\n"
+                 "critical Failed to open file for writing: \"file\"\n"
+                 "warning Warning: Could not open  \"file\"\n");
+        QCOMPARE(contentOf(u"mine"_s), "1\n");
         QVERIFY(!QFile::exists(u"nothing"_s));
     }
 
+    void aReportIsInAFolderOfItsOwnerAndBeginsWithTheNamesAsTheyAre_data()
+    {
+        QTest::addColumn<int>("mask");
+        QTest::addColumn<QByteArray>("modes");
+        QTest::newRow("whom the umask takes all rights") << 0777 << "700\n700\n"_ba;
+    }
     void aReportIsInAFolderOfItsOwnerAndBeginsWithTheNamesAsTheyAre()
     {
-        const mode_t earlierMask = ::umask(0777);
+        QFETCH(const int, mask);
+        const mode_t earlierMask = ::umask(mode_t(mask));
         DumpFile dump(u"Pöst%2b%1"_s, u"%1%3"_s, u"./a/dumps/"_s);
-        ::umask(earlierMask);
-        QCOMPARE(shell("test $(stat -c %a a/dumps) = 700"), 0);
+        QCOMPARE(::umask(earlierMask), mode_t(mask));
+        QTEST(shell("stat -c %a a a/dumps"), "modes");
         QVERIFY(dump.dumpFilePath().startsWith(u"./a/dumps//"));
         const QByteArray header = contentOf(dump.dumpFilePath());
         QVERIFY(header.startsWith("Pöst%2b%1 has closed unexpectedly (Signal \"%1%3\")\nplease"));
@@ -104,7 +120,7 @@ private Q_SLOTS:
         QCOMPARE(chunks.size() + backtraces.size(), 0);
         QCOMPARE(errors.size(), 1);
 
-        qputenv("TMPDIR", path());
+        qputenv("TMPDIR", qgetenv("FOLDER"));
         collector->start(4'294'967'296);
         QVERIFY(!collector->isRunning());
         QTRY_COMPARE_WITH_TIMEOUT(chunks.size(), 1, patience);
@@ -120,15 +136,15 @@ private Q_SLOTS:
 
     void withoutACommandLineNothingIsStarted()
     {
-        const QByteArray path = "\"/proc/5000000/cmdline\""; // above any pid_max, proc(5)
-        QTest::ignoreMessage(QtCriticalMsg, "Failed to open file for reading: " + path);
-        QTest::ignoreMessage(QtWarningMsg, "Warning: Could not open  " + path);
-        QTest::ignoreMessage(QtWarningMsg, "Unexpected format in file:  " + path);
-        QTest::ignoreMessage(QtWarningMsg, "Unable to restart");
-        QTest::ignoreMessage(QtInfoMsg, "command line: QList()");
-        CrashHandler handler(5'000'000, appName(), u"11"_s, false);
-        dumps({}, appName().toUtf8()); // removes it after the row
+        CrashHandler handler(5'000'000, appName(), u"11"_s, false); // above any pid_max, proc(5)
         QVERIFY(QMetaObject::invokeMethod(&handler, "restartApplication"));
+        const QByteArray path = "\"/proc/5000000/cmdline\"\n";
+        QCOMPARE(log.sliced(log.indexOf("critical Failed to open file for reading: \"/proc")),
+                 "critical Failed to open file for reading: " + path
+                     + "warning Warning: Could not open  " + path
+                     + "warning Unexpected format in file:  " + path
+                     + "warning Unable to restart\ninfo command line: QList()\n"
+                       "info environment: QList()\ninfo Preparing to restart application\n");
     }
 
     void debuggingAbortsARunningCollectionAndStartsTheApplication_data()
@@ -155,36 +171,40 @@ private Q_SLOTS:
         const QByteArray pid = QByteArray::number(application.processId());
         // A process that has just become another program has no variables yet.
         const QByteArray hasVariables = "grep -q ^VALUELESS /proc/" + pid + "/environ";
-        QTRY_COMPARE_WITH_TIMEOUT(shell(hasVariables), 0, patience);
+        QTRY_COMPARE_WITH_TIMEOUT(shell(hasVariables), "", patience);
 
         CrashHandler handler(application.processId(), appName(), u"11"_s, false);
         writeProgram("application",
                      "cat /proc/$$/environ > variables\necho \"$@\" > new\nmv new arguments\n");
-        const auto report = [this] { return dumps({}, appName().toUtf8()); };
-        const QByteArray header = report();
-        QTest::ignoreMessage(QtInfoMsg, "Debugging application requested");
+        const QByteArray header = shell("dumps");
         if (isRunning) {
             handler.run();
-            QTRY_VERIFY_WITH_TIMEOUT(report() != header, patience);
-            QTest::ignoreMessage(QtInfoMsg, "Killing debugger process");
+            QTRY_VERIFY_WITH_TIMEOUT(shell("dumps") != header, patience);
         }
-        const QByteArray before = report();
+        const QByteArray before = shell("dumps");
         QVERIFY(QMetaObject::invokeMethod(&handler, "debugApplication"));
         QTRY_COMPARE_WITH_TIMEOUT(contentOf(u"arguments"_s), "-debug " + pid + '\n', patience);
-        QCOMPARE(report(), before + (isRunning ? "\n\nCollecting backtrace aborted by user." : ""));
-        const QByteArray isAlive = "kill -0 " + before.sliced(header.size()) + " 2> log";
-        QTRY_VERIFY_WITH_TIMEOUT(shell(isAlive.simplified()) != 0,
-                                 patience); // also for no debugger
+        QCOMPARE(shell("dumps"),
+                 before + (isRunning ? "\n\nCollecting backtrace aborted by user." : ""));
+        const QByteArray debugger = before.sliced(header.size()).trimmed(); // empty for none
+        QTRY_VERIFY_WITH_TIMEOUT(shell("kill -0 " + debugger) != "", patience);
         const QByteArray variables = '\0' + contentOf(u"variables"_s);
         QVERIFY(variables.contains("\0NÄME=a\r\nb=c\n\0"_ba));
         QVERIFY(!variables.contains("VALUELESS"));
+        const QByteArray killed = isRunning ? "info Killing debugger process\n" : "";
+        QVERIFY(log.contains("info Debugging application requested\n" + killed));
         application.closeWriteChannel();
         QVERIFY(application.waitForFinished(patience));
     }
 
 private:
-    /// Unique, so that its dump file is found.
-    static QString appName() { return QDir::current().dirName(); }
+    static QString appName() { return qEnvironmentVariable("NAME"); }
+
+    static inline QByteArray log; // of all rows
+    static void record(QtMsgType type, const QMessageLogContext &context, const QString &text)
+    {
+        log += qFormatLogMessage(type, context, text).toUtf8() + '\n';
+    }
 };
 
 TEST_MAIN(ClassesTest)

@@ -1,17 +1,30 @@
 # shellcheck shell=sh disable=SC2034
-# What the stand-ins for gdb in tst_program.cpp can use, and tests/application.sh.
+# What the shell scripts of the tests can use: those of the test programs themselves, tests/application.sh, and
+# the stand-ins for gdb in tst_program.cpp.
 
+# In a stand-in for gdb:
 application=$7
 
-# Prints the path of the dump file.
-dump() {
-    grep -D skip -l "^$NAME has closed" /tmp/vastel-mail/*.dump
+# Prints the paths of the row's dump files, in the order in which they were made.
+dump_files() {
+    find /tmp/vastel-mail/ "$FOLDER" -maxdepth 1 -type f -name '*.dump' \
+        -exec grep -ls "^[^(]*$NAME has closed" {} + 2> /dev/null | sort
+}
+
+# Prints their contents.
+dumps() {
+    dump_files | xargs -r cat
 }
 
 # await TEXT: waits until the dump file has it.
 await() {
     attempts=0
-    until grep -qs "$1" "$(dump)" || [ $((attempts += 1)) -gt 6000 ]; do sleep 0.01; done
+    until dumps | grep -q "$1" || [ $((attempts += 1)) -gt 6000 ]; do sleep 0.01; done
+}
+
+# Runs a command in a PID namespace of its own, with options of unshare(1).
+in_pid_namespace() {
+    if [ "$(id -u)" -eq 0 ]; then unshare --pid --fork "$@"; else unshare --user --map-current-user --pid --fork "$@"; fi
 }
 
 # Prints the mask of the signals that this process ignores. Not 32 and 33: posix_spawn(3), which ninja(1)
