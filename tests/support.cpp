@@ -88,3 +88,13 @@ void TestInFolder::cleanup()
     QDir::setCurrent(u"/"_s);
     folder.reset();
 }
+
+bool TestInFolder::lacks(const QByteArray &need)
+{
+    const QByteArray refusal = shell(need);
+    if (refusal.isEmpty())
+        return false;
+    --rows;
+    QTest::qSkip(("needs " + need + ", but: " + refusal).constData(), __FILE__, __LINE__);
+    return true;
+}

@@ -44,7 +44,11 @@ protected Q_SLOTS:
     void cleanup();
 
 protected:
-    int rows = 0; // that have run; a row that skips itself takes itself off
+    /// Skips the row if the script \a need prints something. Then the row must return.
+    [[nodiscard]] bool lacks(const QByteArray &need);
+
+private:
+    int rows = 0; // that have run
     std::unique_ptr<QTemporaryDir> folder;
 };
 
