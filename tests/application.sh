@@ -19,7 +19,6 @@ cat "/proc/$$/environ" > "$FOLDER/environ-$run"
     grep -E 'SigBlk|Umask' /proc/self/status
     ls /proc/self/fd
     readlink "/proc/$$/cwd"
-    grep flags /proc/$$/fdinfo/2
     cat /proc/self/limits
 } > "$FOLDER/run-$run"
 [ "$run" -lt "$CRASHES" ] || exit 0

@@ -22,6 +22,26 @@ await() {
     until dumps | grep -q "$1" || [ $((attempts += 1)) -gt 6000 ]; do sleep 0.01; done
 }
 
+# Waits until the report is complete and the crash handler, whose ID is in the file "handler", sleeps: its log is full.
+await_full_log() {
+    await 'text to'
+    attempts=0
+    until grep -q '^State:.S' "/proc/$(cat handler)/status" || [ $((attempts += 1)) -gt 6000 ]; do sleep 0.01; done
+}
+
+# The pipe that is the standard input gets room for MIBS MiB; prints why not, and the room that it has (pipe(7)).
+set_room() {
+    perl -e 'fcntl(STDIN, 1031, $ARGV[0] << 20) or print "$!\n"' "$1"
+}
+room() {
+    perl -e 'print fcntl(STDIN, 1032, 0), "\n"'
+}
+
+# Prints what is in the pipe, without waiting for more.
+read_pipe() {
+    dd if="$1" iflag=nonblock bs=1M 2> /dev/null || :
+}
+
 # Runs a command in a PID namespace of its own, with options of unshare(1).
 in_pid_namespace() {
     if [ "$(id -u)" -eq 0 ]; then unshare --pid --fork "$@"; else unshare --user --map-current-user --pid --fork "$@"; fi

@@ -89,6 +89,8 @@ private Q_SLOTS:
         QTest::addColumn<int>("mask");
         QTest::addColumn<QByteArray>("modes");
         QTest::newRow("whom the umask takes all rights") << 0777 << "700\n700\n"_ba;
+        QTest::newRow("where the umask takes no rights, nor can others write")
+            << 0 << "755\n755\n"_ba;
     }
     void aReportIsInAFolderOfItsOwnerAndBeginsWithTheNamesAsTheyAre()
     {
