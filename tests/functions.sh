@@ -1,9 +1,6 @@
-# shellcheck shell=sh disable=SC2034
+# shellcheck shell=sh
 # What the shell scripts of the tests can use: those of the test programs themselves, tests/application.sh, and
 # the stand-ins for gdb in tst_program.cpp.
-
-# In a stand-in for gdb:
-application=$7
 
 # Prints the paths of the row's dump files, in the order in which they were made.
 dump_files() {
@@ -16,35 +13,18 @@ dumps() {
     dump_files | xargs -r cat
 }
 
-# await TEXT: waits until the dump file has it.
+# wait_until COMMAND...: waits until it succeeds, for a minute at most.
+wait_until() {
+    attempts=0
+    until "$@" || [ $((attempts += 1)) -gt 6000 ]; do sleep 0.01; done
+}
+
+# await TEXT: waits until a dump file has it.
 await() {
-    attempts=0
-    until dumps | grep -q "$1" || [ $((attempts += 1)) -gt 6000 ]; do sleep 0.01; done
+    wait_until has_dump_with "$1"
 }
-
-# Waits until the report is complete and the crash handler, whose ID is in the file "handler", sleeps: its log is full.
-await_full_log() {
-    await 'text to'
-    attempts=0
-    until grep -q '^State:.S' "/proc/$(cat handler)/status" || [ $((attempts += 1)) -gt 6000 ]; do sleep 0.01; done
-}
-
-# The pipe that is the standard input gets room for MIBS MiB; prints why not, and the room that it has (pipe(7)).
-set_room() {
-    perl -e 'fcntl(STDIN, 1031, $ARGV[0] << 20) or print "$!\n"' "$1"
-}
-room() {
-    perl -e 'print fcntl(STDIN, 1032, 0), "\n"'
-}
-
-# Prints what is in the pipe, without waiting for more.
-read_pipe() {
-    dd if="$1" iflag=nonblock bs=1M 2> /dev/null || :
-}
-
-# Runs a command in a PID namespace of its own, with options of unshare(1).
-in_pid_namespace() {
-    if [ "$(id -u)" -eq 0 ]; then unshare --pid --fork "$@"; else unshare --user --map-current-user --pid --fork "$@"; fi
+has_dump_with() {
+    dumps | grep -q "$1"
 }
 
 # Prints the mask of the signals that this process ignores. Not 32 and 33: posix_spawn(3), which ninja(1)
@@ -53,11 +33,98 @@ ignored_signals() {
     printf '%x\n' $((0x$(sed -n 's/^SigIgn:[[:space:]]*//p' /proc/self/status) & ~0x180000000))
 }
 
-# Prints the signals that the crash handler and the debugger block, those that the debugger ignores, and its
-# descriptors; the last one is that of ls(1).
+# The stand-in for gdb prints its command line, if it ends with the ID of the crashed process, its commands, the
+# mode of their file, and its working directory.
+show_task() {
+    [ "$7" = "$(cut -d ' ' -f 4 "/proc/$PPID/stat")" ] || return
+    file=${5#"$FOLDER"/}
+    printf '%s\n' "$1 $2 $3 $4 ${file%.*} $6" "$(cat "$5")" "$(stat -c %a "$5")" "$(pwd -P)"
+}
+
+# It prints the signals that the crash handler and it block, those that it ignores, and its descriptors; the last
+# one is that of ls(1). While it starts a program, the crash handler blocks signals.
 show_state() {
-    attempts=0 # while it starts a program, the crash handler blocks signals
-    while grep -q 'SigBlk.*[1-9a-f]' "/proc/$PPID/status" && [ $((attempts += 1)) -lt 1000 ]; do sleep 0.01; done
+    wait_until grep -q 'SigBlk.*[[:space:]]0*$' "/proc/$PPID/status"
     printf '%s\n' "$(grep -h SigBlk "/proc/$PPID/status" /proc/self/status)" "$(ignored_signals)" \
         "$(ls /proc/self/fd)"
+}
+
+# Runs a command in a PID namespace of its own, with options of unshare(1) in front.
+in_pid_namespace() {
+    [ "$(id -u)" -eq 0 ] || set -- --user --map-current-user "$@"
+    unshare --pid --fork "$@"
+}
+
+# Runs a command as a background process of a terminal that stops those that write to it.
+in_background() {
+    export command="$1" argument="$2"
+    # shellcheck disable=SC2016 # for the inner shell
+    script -q -c 'stty tostop; set -m; "$command" "$argument" > status & wait' /dev/null
+}
+
+# What follows runs the crash handler, whose command line is "$@", with a pipe as its standard error.
+
+# with_slow_reader FLAG COMMAND...: nobody reads before the log is full. Each write returns with FLAG of dd(1).
+with_slow_reader() {
+    flag=$1
+    shift
+    mkfifo log
+    { wait_until log_is_full; cat; } < log &
+    exec 3> log
+    dd oflag="$flag" count=0 status=none >&3
+    flags=$(cat "/proc/$$/fdinfo/3")
+    "$@" 2>&3 &
+    echo $! > handler
+    wait $!
+    [ "$(cat "/proc/$$/fdinfo/3")" = "$flags" ] || echo "other flags"
+    exec 3>&-
+    wait
+}
+# The report is complete, and the crash handler sleeps.
+log_is_full() {
+    has_dump_with 'text to' && grep -q '^State:.S' "/proc/$(cat handler)/status"
+}
+
+# Each page is read late. Prints a line of the log's end, if it comes to that.
+with_late_reader() {
+    mkfifo log
+    perl -e 'while (sysread STDIN, $page, 4096) {
+        print $page;
+        select undef, undef, undef, 0.02 unless -e "ended";
+    }' < log | grep -a 'debug Destr[o]ying' &
+    "$@" 2> log
+    : > ended
+    wait
+}
+
+# The log is full from the start. Prints what it has got after that, and whether this has taken much more than a second.
+with_full_log() {
+    mkfifo log
+    exec 3<> log
+    set_room 1 <&3
+    dd if=/dev/zero of=log oflag=nonblock 2> full
+    began=$(date +%s)
+    "$@" 2>&3
+    read_pipe log
+    [ $(($(date +%s) - began)) -lt 20 ] || echo late
+}
+
+# Says so if a memory that is used up is not mentioned.
+listen_to() {
+    { "$@"; } 2>&1 | grep -aq -e std::bad_alloc -e AddressSanitizer || echo "nothing heard"
+}
+
+# set_room MIBS: gives the pipe that is the standard input room for so many MiB, or prints why not (pipe(7)).
+set_room() {
+    perl -e 'fcntl(STDIN, 1031, $ARGV[0] << 20) or print "$!\n"' "$1"
+}
+
+# Prints how much room it has.
+room() {
+    perl -e 'print fcntl(STDIN, 1032, 0), "\n"'
+}
+
+# Prints what is in a pipe, without waiting for more.
+read_pipe() {
+    dd if="$1" iflag=nonblock bs=1M 2> /dev/null || :
 }

@@ -72,9 +72,7 @@ s/status 0/status 1/)"});
 
         // The debugger.
         row("The debugger gets its commands in a file, and the crashed process, in its folder",
-            {.debugger = R"sh(file=${5#"$FOLDER"/}; crashed=$(cut -d ' ' -f 4 /proc/$PPID/stat)
-                [ "$7" = "$crashed" ] && printf '%s\n' "$1 $2 $3 $4 ${file%.*} $6" "$(cat "$5")"
-                stat -c %a "$5"; pwd -P)sh",
+            {.debugger = R"(show_task "$@")",
              .start = R"(umask 0377; cd /proc; exec "$0" ü)",
              .report = header
                  + "--nw --nx --batch --command Crash Handler --pid\nset height 0\nset width 0\n"
@@ -209,27 +207,24 @@ s/status 0/status 1/)"});
             {.startHandler = R"(mkfifo log; exec 3<> log 4> log 3<&-; "$@" 2>&4)"});
         row("A background process writes to its terminal, although that would stop others",
             {.needs = "script -q -c true /dev/null",
-             .start = R"(export APP="$0"; exec script -q -c '
-                stty tostop; set -m; "$APP" ü > status & wait' /dev/null)",
+             .start = R"(. "$SOURCE/tests/functions.sh"; in_background "$0" ü)",
              .startHandler = R"("$@" 2> /dev/tty)"});
         const QByteArray largeLog
             = R"sh(exec "$0" $(yes "$(printf '%0100000d' 0)" | head -n 12))sh";
         for (const QByteArray flag : {"sync", "nonblock"})
             row("A slow reader loses nothing, and the flags stay: " + flag,
-                {.debugger = "echo $PPID > handler;" + ordinaryDebugger,
-                 .start = largeLog,
-                 .startHandler = R"sh(mkfifo log; { await_full_log; cat; } < log & exec 3> log
-                    dd oflag=$FLAG count=0 status=none >&3; flags=$(cat /proc/$$/fdinfo/3)
-                    "$@" 2>&3; [ "$(cat /proc/$$/fdinfo/3)" = "$flags" ] || echo other flags
-                    exec 3>&-; wait)sh",
-                 .variables = {"FLAG=" + flag},
+                {.start = largeLog,
+                 .startHandler = "with_slow_reader " + flag + " \"$@\"",
                  .log = "s/, \"Ã¼\"/" + QByteArray(", \"$TEXT\"").repeated(12) + '/'});
         row("A reader that is always late is waited for during one second in all",
             {.needs = "perl -e 1",
              .start = largeLog,
-             .startHandler = R"sh(mkfifo log; perl -e 'while (sysread STDIN, $page, 4096) {
-                    print $page; select undef, undef, undef, 0.02 unless -e "ended" }' < log |
-                    grep -a 'debug Destr[o]ying' & "$@" 2> log; : > ended; wait)sh",
+             .startHandler = R"(with_late_reader "$@")",
+             .log = "$!d"});
+        row("A log that nobody reads ends after one second, and for good",
+            {.needs = "mkfifo pipe; set_room 1 <> pipe",
+             .debugger = "read_pipe log > first;" + ordinaryDebugger,
+             .startHandler = R"(with_full_log "$@")",
              .log = "$!d"});
         row("A pipe has room for a large log before it is read",
             {.start = R"sh(exec "$0" $(printf '%0100000d %0100000d' 0 0))sh",
@@ -237,21 +232,13 @@ s/status 0/status 1/)"});
              .log = "/BacktraceCollector destr/,$!d"});
         row("A pipe that has more room keeps it",
             {.needs = "mkfifo pipe; set_room 2 <> pipe",
-             .startHandler = "mkfifo log; exec 3<> log; set_room 2 <&3; \"$@\" 2>&3; room <&3",
+             .startHandler = R"(mkfifo log; exec 3<> log; set_room 2 <&3; "$@" 2>&3; room <&3)",
              .log = "$!d; i\\\n2097152"});
-        row("A log that nobody reads ends after one second, and for good",
-            {.needs = "mkfifo pipe; set_room 1 <> pipe",
-             .debugger = "read_pipe log > first;" + ordinaryDebugger,
-             .startHandler = R"sh(mkfifo log; exec 3<> log; set_room 1 <&3; began=$(date +%s)
-                dd if=/dev/zero of=log oflag=nonblock 2> full; "$@" 2>&3; read_pipe log
-                [ $(($(date +%s) - began)) -lt 20 ] || echo late)sh",
-             .log = "$!d"});
         row("What a library says before it aborts is in the log",
             {.debugger = "prlimit --as=1: --pid $PPID; head -c 50000000 /dev/zero",
-             .startHandler = R"sh({ "$@"; } 2>&1 | grep -aqe std::bad_alloc -e AddressSanitizer &&
-                    echo said; rm $(dump_files))sh",
+             .startHandler = R"sh(listen_to "$@"; rm "$(dump_files)")sh",
              .report = {},
-             .log = "$!d; i\\\nsaid"});
+             .log = "$!d"});
     }
     void run()
     {
@@ -316,8 +303,7 @@ private:
         const std::pair<QByteArray, QByteArray> values[] = {
             {"$NAME", qgetenv("NAME")},
             {"$TEXT", QByteArray(100'000, '0')},
-            {"$VERSION", QT_VERSION_STR},
-            {"$BITS", QByteArray::number(QSysInfo::WordSize)},
+            {"$QT", QT_VERSION_STR " (" + QByteArray::number(QSysInfo::WordSize) + " bit)"},
             {"$DISTRIBUTION", latin1(u"/etc/lsb-release"_s)},
             {"$KERNEL", latin1(u"/proc/version"_s)},
             {"$PID", QByteArray::number(pid)},
