@@ -143,6 +143,7 @@ s/status 0/status 1/)"});
             {.needs = "in_pid_namespace --mount-proc true",
              .start = R"(. "$SOURCE/tests/functions.sh"; in_pid_namespace --mount-proc "$0" ü)",
              .startHandler = R"(in_pid_namespace sh -c '"$@"; exit $?' sh "$@")",
+             .variables = {"LSAN_OPTIONS=detect_leaks=0"}, // it needs /proc
              .log = "s/$PID/1/\n" + notRestarted,
              .back = nothing});
 
