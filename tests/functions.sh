@@ -13,10 +13,10 @@ dumps() {
     dump_files | xargs -r cat
 }
 
-# wait_until COMMAND...: waits until it succeeds, for a minute at most.
+# wait_until COMMAND...: waits until it succeeds, for ten seconds at least.
 wait_until() {
     attempts=0
-    until "$@" || [ $((attempts += 1)) -gt 6000 ]; do sleep 0.01; done
+    until "$@" || [ $((attempts += 1)) -gt 1000 ]; do sleep 0.01; done
 }
 
 # await TEXT: waits until a dump file has it.

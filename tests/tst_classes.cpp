@@ -61,18 +61,15 @@ private Q_SLOTS:
         QTest::addColumn<QByteArray>("planted");
         for (const QByteArray command :
              {"mkdir file", "mkfifo file", "ln mine file", "ln -s mine file", "ln -s nothing file",
-              "touch file && chown $(($(id -u) + 1)) file", "mknod file b 7 200"}) {
-            // Only root can make the last two, and not in every container.
-            const QTemporaryDir trial(u"/tmp/vastel-test-XXXXXX"_s);
-            const QByteArray enter = "cd " + QFile::encodeName(trial.path()) + " && : > mine && ";
-            if (shell(enter + command).isEmpty())
-                QTest::newRow(command.constData()) << command;
-        }
+              // Only root can make these, and not in every container.
+              "touch file && chown $(($(id -u) + 1)) file", "mknod file b 7 200"})
+            QTest::newRow(command.constData()) << command;
     }
     void whatAnotherUserCanHavePlantedIsRefused()
     {
         QFETCH(const QByteArray, planted);
-        QCOMPARE(shell("echo 1 > mine; " + planted), "");
+        if (lacks("echo 1 > mine; " + planted))
+            return;
         log.clear();
         QVERIFY(!writeToFile(u"file"_s, "secret"));
         QCOMPARE(log,
