@@ -80,9 +80,11 @@ with_slow_reader() {
     exec 3>&-
     wait
 }
-# The report is complete, and the crash handler sleeps.
+# The crash handler sleeps, and not because it waits for gdb. It is asked without another process: on a busy
+# machine, that could take longer than the crash handler waits.
 log_is_full() {
-    has_dump_with 'text to' && grep -q '^State:.S' "/proc/$(cat handler)/status"
+    { read -r pid < handler && read -r _ _ state _ < "/proc/$pid/stat"; } 2> /dev/null || return
+    [ "$state" = S ] && ! { read -r _ < "/proc/$pid/task/$pid/children"; } 2> /dev/null
 }
 
 # Each page is read late. Prints a line of the log's end, if it comes to that.
