@@ -22,6 +22,7 @@ cat "/proc/$$/environ" > "$FOLDER/environ-$run"
     cat /proc/self/limits
 } > "$FOLDER/run-$run"
 [ "$run" -lt "$CRASHES" ] || exit 0
-set -- "$BUILD/crash-handler" SIGSEGV "mail-$NAME"
+# Percent signs, and letters that are not ASCII, must come through unchanged.
+set -- "$BUILD/crash-handler" SIGSEGV "Pöst%2b%1-$NAME"
 eval "$START_HANDLER"
 echo "exit status $?"

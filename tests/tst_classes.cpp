@@ -86,20 +86,9 @@ private Q_SLOTS:
             const mode_t earlierMask = ::umask(mask);
             const DumpFile dump(u"x"_s, u"11"_s, u"./a/dumps/"_s);
             QCOMPARE(::umask(earlierMask), mask);
+            QVERIFY(dump.dumpFilePath().startsWith(u"./a/dumps//2"));
             QCOMPARE(shell("stat -c %a a a/dumps; rm -r a"), modes);
         }
-    }
-
-    void aReportBeginsWithTheNamesAsTheyAre()
-    {
-        DumpFile dump(u"Pöst%2b%1"_s, u"%1%3"_s, u"."_s);
-        QVERIFY(dump.dumpFilePath().startsWith(u"./2"));
-        const QByteArray header = contentOf(dump.dumpFilePath());
-        QVERIFY2(header.startsWith("Pöst%2b%1 has closed unexpectedly (Signal \"%1%3\")\n"),
-                 header);
-        QVERIFY2(header.contains("\nPöst%2b%1, based on Qt "), header);
-        QVERIFY(dump.writeMessage(u"é"_s) && dump.writeMessage({}) && dump.writeMessage(u"\n"_s));
-        QCOMPARE(contentOf(dump.dumpFilePath()), header + "é\n");
     }
 
     void aCollectorHearsOnlyADebuggerWithCommandsAndKillsItWithoutAWord()
@@ -133,15 +122,14 @@ private Q_SLOTS:
 
     void withoutACommandLineNothingIsStarted()
     {
+        log.clear();
         CrashHandler handler(5'000'000, appName(), u"11"_s, false); // above any pid_max, proc(5)
         QVERIFY(QMetaObject::invokeMethod(&handler, "restartApplication"));
         const QByteArray path = "\"/proc/5000000/cmdline\"\n";
-        QCOMPARE(log.sliced(log.indexOf("critical Failed to open file for reading: \"/proc")),
-                 "critical Failed to open file for reading: " + path
-                     + "warning Warning: Could not open  " + path
-                     + "warning Unexpected format in file:  " + path
-                     + "warning Unable to restart\ninfo command line: QList()\n"
-                       "info environment: QList()\ninfo Preparing to restart application\n");
+        const QByteArray expected = "critical Failed to open file for reading: " + path
+            + "warning Warning: Could not open  " + path
+            + "warning Unexpected format in file:  " + path + "warning Unable to restart\n";
+        QVERIFY2(log.contains(expected) && !log.contains("Starting detached"), log);
     }
 
     void debuggingStartsTheApplicationAndAbortsARunningCollection()

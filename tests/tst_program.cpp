@@ -198,9 +198,6 @@ s/status 0/status 1/)"});
                 exec "$0" "" "$(printf 'a\r\nb')" '"two"' "$(printf '\357\273\277')é😀" $(seq 2000))sh",
              .crashes = 7,
              .back = ""});
-        row("A program that is named without a folder comes back by its path",
-            {.start = R"(exec sh "$0")", .back = R"(1s,^,/bin/,)"});
-
         // The log.
         row("Closed standard streams are replaced",
             {.startHandler = R"("$@" <&- >&- 2>&-)", .back = ""});
