@@ -171,9 +171,6 @@ void reportCrash(int signalNumber)
         return;
     }
 
-    // If it is ignored, wait4(2) may wait for all children of the application (wait(2)).
-    setDefaultAction(SIGCHLD);
-
     const pid_t parent = getpid();
     const pid_t child = forkProcess();
     if (child == 0)
