@@ -1,36 +1,74 @@
-// An application in C, of several named threads, that crashes in the way it is told to. When it is
-// back, it says so. tst_client builds it as somebody else's, against the installed library.
+// An application in C that crashes. tst_client builds it as somebody else's.
 //
-// Usage: crashing-application HANDLER MINIMUM-UPTIME UPTIME WAY
-//   HANDLER  the path of the crash handler, or - for the one that is installed with the library
-//   WAY      null-pointer, stack-overflow, two-threads, forked-child (that crashes first), or the
-//            number of the signal that it raises; with thread- before it, another thread does so
+// Usage: crashing-application WAY [THREAD...]
+//   WAY     one of those in crash(), the number of a signal to raise, or 0 for a null pointer
+//   THREAD  anything: that many threads crash in place of the main thread
+// Variables: NAME and HANDLER are settings of the library. UPTIME are milliseconds that pass, at
+// once, before the crash; when it is back, it says so. BEFORE_IT_WAITS is a script that the child
+// runs before it waits, and WHILE_IT_WAITS one that runs before the application permits it to go on.
 
 #define _GNU_SOURCE
 #include <vastel-mail/crashreporting_c.h>
 
-#include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
+#include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 static const char *way;
-static const char inThread[] = "thread-";
-static pthread_barrier_t threadsReady;
+static const char *beforeItWaits;
+static const char *whileItWaits;
+static long long now = 1500; // milliseconds
 
-static int readMessageSize(const int *message)
+// The library calls these two in place of the C library's, so that nothing depends on chance.
+
+int clock_gettime(clockid_t clock, struct timespec *time)
 {
-    return *message;
+    const long long value = clock == CLOCK_MONOTONIC ? now : 0;
+    *time = (struct timespec){value / 1000, value % 1000 * 1000000};
+    return 0;
 }
 
-static int openMessage(void)
+int prctl(int option, ...)
 {
-    const int *volatile message = NULL; // volatile hides the null from the compiler
-    return readMessageSize(message);
+    va_list list;
+    va_start(list, option);
+    const int argument = va_arg(list, int);
+    va_end(list);
+    const char *const script = option == PR_SET_PTRACER ? whileItWaits : beforeItWaits;
+    char command[1000];
+    snprintf(command, sizeof command, "parent=%d child=%d; %s", getppid(), argument, script);
+    if (script != NULL && argument != 0 && system(command) != 0)
+        perror(command);
+    return (int)syscall(SYS_prctl, option, argument, 0, 0, 0);
+}
+
+static void install(void)
+{
+    struct vastel_mail_crash_settings settings = VASTEL_MAIL_CRASH_SETTINGS_INIT;
+    char name[100];
+    snprintf(name, sizeof name, "%s", getenv("NAME"));
+    settings.app_name = name;
+    settings.handler_path = getenv("HANDLER");
+    if (vastel_mail_install_crash_reporting(&settings) == -1)
+        perror("crashes will not be reported");
+    memset(name, 'x', sizeof name); // the library has a copy
+}
+
+static void onUserSignal(int number)
+{
+    dprintf(STDOUT_FILENO, "signal %d\n", number);
+}
+
+static int openMessage(void *message)
+{
+    return *(const int *)message;
 }
 
 static int countNestedReplies(int depth)
@@ -41,62 +79,76 @@ static int countNestedReplies(int depth)
     return depth < 0 ? 0 : countNestedReplies(depth + 1) + repliesAt[0];
 }
 
-static void crash(const char *how)
+static int is(const char *name)
 {
-    if (strcmp(how, "forked-child") == 0 && fork() != 0) {
-        int status = 0;
-        wait(&status);
-        fprintf(stderr, "the forked child was ended by signal %d\n", WTERMSIG(status));
-    }
-    if (strcmp(how, "stack-overflow") == 0) {
-        // After a nested signal stack, the thread has its own again.
-        vastel_mail_end_signal_stack(vastel_mail_begin_signal_stack());
-        countNestedReplies(0);
-    }
-    if (atoi(how) > 0)
-        raise(atoi(how));
-    openMessage();
+    return strcmp(way, name) == 0;
 }
 
-static void *work(void *name)
+static void crashInChild(int flags)
 {
-    struct vastel_mail_signal_stack *const stack = vastel_mail_begin_signal_stack();
-    pthread_setname_np(pthread_self(), name);
-    pthread_barrier_wait(&threadsReady);
-    if (strcmp(way, "two-threads") == 0)
-        openMessage();
-    if (strncmp(way, inThread, strlen(inThread)) == 0 && strcmp(name, "mail-send") == 0)
-        crash(way + strlen(inThread));
-    pause();
-    vastel_mail_end_signal_stack(stack);
+    static char stack[65536];
+    int status = 0;
+    waitpid(clone(openMessage, stack + sizeof stack, flags | SIGCHLD, NULL), &status, 0);
+    if (WTERMSIG(status) != SIGSEGV)
+        dprintf(STDOUT_FILENO, "child: signal %d\n", WTERMSIG(status));
+}
+
+static void *crash(void *thread)
+{
+    if (thread != NULL)
+        vastel_mail_begin_signal_stack();
+    if (is("child"))
+        crashInChild(0);
+    if (is("child-of-vfork"))
+        crashInChild(CLONE_VM | CLONE_VFORK);
+    if (is("child-of-same-id"))
+        crashInChild(CLONE_NEWPID);
+    if (is("child-that-installs") && fork() == 0)
+        install();
+    if (is("no-process") && unshare(CLONE_NEWPID) == 0)
+        crashInChild(0); // process 1 of the new namespace, which ends with it
+    if (is("fork-handler"))
+        pthread_atfork(abort, NULL, NULL);
+    if (is("no-variables"))
+        environ = (char **)1;
+    while (is("no-descriptor") && dup(STDOUT_FILENO) != -1)
+        continue;
+    if (is("cancelled"))
+        pthread_cancel(pthread_self());
+    if (is("cancelled-later"))
+        pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, NULL);
+    if (is("overwritten")) {
+        // The C library's own memory of a thread lies behind the end of its stack.
+        char line[128];
+        memset(line, 'x', (size_t)((char *)pthread_self() - line) + 2000);
+    }
+    if (is("overflow"))
+        countNestedReplies(0);
+    if (is("abort"))
+        abort();
+    raise(atoi(way)); // 0 for a word: nothing
+    openMessage(NULL);
     return NULL;
 }
 
 int main(int argc, char *argv[])
 {
-    if (argc != 5)
-        return EXIT_FAILURE;
-    struct vastel_mail_crash_settings settings = VASTEL_MAIL_CRASH_SETTINGS_INIT;
-    settings.app_name = getenv("NAME"); // by which the test finds its dump file
-    if (strcmp(argv[1], "-") != 0)
-        settings.handler_path = argv[1];
-    settings.minimum_uptime = atoi(argv[2]);
-    way = argv[4];
-    if (vastel_mail_install_crash_reporting(&settings) == -1)
-        perror("crashes will not be reported");
-    if (open("crashed", O_CREAT | O_EXCL, S_IRUSR) == -1) {
-        fputs("back again\n", stderr);
-        return EXIT_SUCCESS;
-    }
-
-    pthread_t indexer;
-    pthread_t sender;
-    pthread_barrier_init(&threadsReady, NULL, 3);
-    pthread_create(&indexer, NULL, work, "mail-index");
-    pthread_create(&sender, NULL, work, "mail-send");
-    pthread_barrier_wait(&threadsReady);
-    sleep((unsigned int)atoi(argv[3]));
-    if (strcmp(way, "two-threads") == 0 || strncmp(way, inThread, strlen(inThread)) == 0)
-        pause();
-    crash(way);
+    way = argv[1];
+    beforeItWaits = getenv("BEFORE_IT_WAITS");
+    whileItWaits = getenv("WHILE_IT_WAITS");
+    install();
+    const char *const uptime = getenv("UPTIME");
+    if (symlink("crash", "crashed") == -1)
+        return uptime != NULL && puts("back") < 0;
+    if (uptime != NULL)
+        now += atoi(uptime);
+    signal(SIGUSR1, onUserSignal);
+    pthread_t thread;
+    for (int number = 2; number < argc; ++number)
+        pthread_create(&thread, NULL, crash, argv[number]);
+    if (argc == 2)
+        crash(NULL);
+    pause();
+    pthread_cancel(thread);
+    pause();
 }

@@ -1,5 +1,6 @@
 // The library that applications link, as it is installed: applications of somebody else are built
-// against it and really crash, with the installed crash handler.
+// against it and really crash, with the installed crash handler. A row says how a shell starts the
+// application, and what is different from a crash with one report, after which it stays away.
 
 #include "tests/support.h"
 
@@ -8,6 +9,34 @@
 #include <cerrno>
 #include <climits>
 #include <csignal>
+#include <cstring>
+
+#include <sys/mman.h>
+
+namespace {
+
+const QByteArray standIn = "echo '[Current thread is 1 (x)]'"; // for gdb
+
+struct Row
+{
+    QByteArray needs = "true"; // the row is skipped where this command fails
+    QByteArray debugger = standIn; // null for gdb itself
+    QByteArrayList shown = {}; // in the reports or the log, at least as often
+    int reports = 1; // complete ones
+    QByteArray output = {}; // on standard output; the log is on standard error
+    int exitCode = 128 + SIGSEGV;
+};
+
+void row(const QByteArray &name, const QByteArray &start, const Row &row = {})
+{
+    QTest::newRow(name.constData()) << start << row;
+}
+
+const QByteArray besideChild = "tail --pid=$$ --follow /dev/null & exec $APP ";
+const QByteArray inNamespace = "in_pid_namespace --keep-caps --kill-child ";
+const QByteArray awaitChild = "until grep -q State:.S /proc/$child/status; do :; done;";
+
+} // namespace
 
 class ClientTest : public TestInFolder
 {
@@ -18,189 +47,160 @@ private Q_SLOTS:
     {
         prefix = std::make_unique<QTemporaryDir>(u"/tmp/vastel-test-XXXXXX"_s);
         qputenv("PREFIX", QFile::encodeName(prefix->path()));
-        build("env -u DESTDIR cmake --install '" BUILD_FOLDER "' --prefix \"$PREFIX\"");
-        // With debug information and not optimized: the reports have the frames of the source.
-        build("cc -std=c11 -Wall -Wextra -Wpedantic -Werror -g -O0 -pthread"
-              " -o \"$PREFIX/crashing-application\" '" SOURCE_FOLDER
-              "/tests/crashingapplication.c' $flags");
+        qputenv("APP", qgetenv("PREFIX") + "/crashing-application");
+        // Not optimized, with debug information: the reports have the functions of the source.
+        QCOMPARE(shell(R"(DESTDIR= cmake --install "$BUILD" --prefix "$PREFIX" > /dev/null)"), "");
+        qputenv("PACKAGE", shell(R"(find "$PREFIX" -name '*.pc')").trimmed());
+        qputenv("HANDLER", shell("pkg-config --variable=handler $PACKAGE").trimmed());
+        QCOMPARE(shell("cc -std=c11 -Wall -Wextra -Wpedantic -Werror -g -O0 -pthread -o $APP"
+                       " $SOURCE/tests/crashingapplication.c"
+                       " $(pkg-config --cflags --libs $PACKAGE)"),
+                 "");
     }
 
-    void theLibraryNeedsTheLibraryOfCOnly()
+    void aCrash_data()
     {
-        build("! nm -u $(find \"$PREFIX\" -name '*.a') | grep -E ' (_Z|__cxa|__gxx|_Unwind)'");
-    }
+        QTest::addColumn<QByteArray>("start");
+        QTest::addColumn<Row>("row");
 
-    void theRealDebuggerShowsTheCrash_data()
-    {
-        QTest::addColumn<QByteArray>("way");
-        QTest::addColumn<QByteArrayList>("shown"); // in this order
-        QTest::addColumn<QByteArray>("variable");
-        const auto row = [](const char *name, const QByteArray &way, const QByteArrayList &shown,
-                            const QByteArray &variable = "A=b") {
-            QTest::newRow(name) << way << shown << variable;
-        };
-        const QByteArrayList nullPointer{"readMessageSize", "openMessage"};
         const QByteArrayList overflow(200, "countNestedReplies");
-        row("a null pointer", "null-pointer", nullPointer);
-        row("PYTHONHOME is set", "null-pointer", nullPointer, "PYTHONHOME=/nowhere");
-        row("LD_LIBRARY_PATH is set", "null-pointer", nullPointer, "LD_LIBRARY_PATH=.");
-        row("a raised signal", "6", {"raise", "crash", "main"});
-        row("an overflow of the stack", "stack-overflow", overflow);
-        row("an overflow of a thread's stack", "thread-stack-overflow", overflow);
-        row("two threads at once", "two-threads", nullPointer + nullPointer);
-    }
-    void theRealDebuggerShowsTheCrash()
-    {
-        QFETCH(const QByteArray, way);
-        QFETCH(const QByteArrayList, shown);
-        QFETCH(const QByteArray, variable);
-        QCOMPARE(shell(": > libexpat.so.1"), ""); // gdb would load it, and it is no library
-        const Outcome outcome = crash({"-", "3600", "0", way}, {variable});
-        const QByteArray dump = shell("dumps");
-        qsizetype position = 0;
-        for (const QByteArray &text : shown) {
-            position = dump.indexOf(text, position);
-            if (position++ == -1)
-                QFAIL(("no further " + text + " in\n" + dump).constData());
+        row("gdb shows a null pointer", "$APP 0", {.debugger = {}, .shown = {"openMessage"}});
+        row("gdb shows a stack overflow", "$APP overflow", {.debugger = {}, .shown = overflow});
+        row("gdb shows the overflow of a thread's stack", "$APP overflow thread",
+            {.debugger = {}, .shown = overflow});
+        row("gdb shows two threads that have crashed, of which the second waits",
+            "WHILE_IT_WAITS='while grep -q State:.[RD] /proc/$PPID/task/*/status; do :; done'"
+            " $APP 0 thread thread",
+            {.debugger = {},
+             .shown = {"openMessage", "openMessage", "awaitCrashHandler", "waitForever"}});
+        row("gdb is not misled by variables and libraries of the application",
+            ": > libexpat.so.1; PYTHONHOME=/nowhere LD_LIBRARY_PATH=. $APP 0",
+            {.debugger = {}, .shown = {"openMessage"}});
+
+        for (int number : {SIGILL, SIGTRAP, SIGABRT, SIGBUS, SIGFPE, SIGSEGV, SIGSYS}) {
+            const QByteArray name = "SIG"_ba + sigabbrev_np(number);
+            row(name + " is reported", "$APP " + QByteArray::number(number),
+                {.shown = {"(Signal \"" + name + "\")"}, .exitCode = 128 + number});
         }
-        QVERIFY(dump.contains("\"mail-index\"") && dump.contains("\"mail-send\""));
-        QVERIFY(dump.endsWith("text to select is [Thread 1]"));
-        QCOMPARE(outcome.exitCode, 128 + (way == "6" ? SIGABRT : SIGSEGV));
+        row("The crash handler logs", "$APP 0", {.shown = {"Starting crash handler"}});
+        row("Signals are blocked at the start", "env --block-signal $APP 0");
+        row("No signal handler of the application runs after the crash", "$APP 0",
+            {.debugger = "kill -USR1 $7;" + standIn});
+        row("Children are ignored, and one lives on", "trap '' CHLD;" + besideChild + "0");
+
+        row("The minimum uptime is over", "UPTIME=10000 $APP 0", {.output = "back\n"});
+        row("The minimum uptime is not over", "UPTIME=9999 $APP 0");
+
+        row("The thread has been cancelled", "$APP cancelled thread");
+        row("The thread is cancelled while it is reported", "$APP cancelled-later thread",
+            {.debugger
+             = "kill -USR1 $7; until grep -q State:.S /proc/$7/status; do :; done;" + standIn,
+             .output = "signal 10\n"});
+        // On 32 bits, the C library makes its system calls through that memory.
+        row("The C library's memory of the thread is overwritten", "$APP overwritten thread",
+            {.needs = "test $(getconf LONG_BIT) = 64"});
+        row("A handler of fork(2) must not run", "$APP fork-handler");
+        row("All descriptors are used up", "ulimit -n 64; $APP no-descriptor");
+        row("The variables are lost", "$APP no-variables", {.shown = {"openMessage"}});
+        row("The link to the crash handler is gone",
+            "ln -s $HANDLER handler; WHILE_IT_WAITS='rm handler' HANDLER=./handler $APP 0");
+        row("The crash handler is gone",
+            "cp $HANDLER handler; WHILE_IT_WAITS='rm handler' HANDLER=./handler $APP 0",
+            {.reports = 0});
+        row("There has been no crash handler", "HANDLER=/nowhere $APP 0", {.reports = 0});
+
+        row("No process can be started",
+            inNamespace + "sh -c 'trap \"\" USR1;" + besideChild + "no-process'",
+            {.needs = inNamespace + "true", .reports = 0});
+        row("Process 1 aborts", inNamespace + "$APP abort", {.needs = inNamespace + "true"});
+        row("A child crashes", "$APP child");
+        row("A child of vfork(2) crashes", "$APP child-of-vfork");
+        row("A child with the ID of its parent crashes", inNamespace + "$APP child-of-same-id",
+            {.needs = inNamespace + "true"});
+        row("A child that installs is reported", "$APP child-that-installs", {.reports = 2});
+
+        row("Another process cannot permit the child to go on",
+            "WHILE_IT_WAITS='kill -USR1 $child;" + awaitChild
+                + "basename $(readlink /proc/$child/exe)' $APP 0",
+            {.output = "crashing-application\n"});
+        row("The application is killed before the child waits",
+            "BEFORE_IT_WAITS='kill -KILL $parent;"
+            " while grep -q PPid:.$parent$ /proc/$PPID/status; do :; done' $APP 0",
+            {.reports = 0, .exitCode = 128 + SIGKILL});
+        row("The application is killed while the child waits",
+            "WHILE_IT_WAITS='" + awaitChild + "kill -KILL $PPID' $APP 0",
+            {.reports = 0, .exitCode = 128 + SIGKILL});
+        row("The application is killed while it is reported", "$APP 0",
+            {.debugger = "kill -KILL $7;" + standIn, .exitCode = 128 + SIGKILL});
+
+        row("The example is built by CMake and comes back",
+            "cp $SOURCE/examples/* .; sed -i \"s/Example Mail/$NAME/\" examplemail.cpp;"
+            " cmake -G '" CMAKE_GENERATOR "' -D CMAKE_CXX_COMPILER='" CMAKE_CXX_COMPILER "'"
+            " -D CMAKE_PREFIX_PATH=$PREFIX . >&2 && cmake --build . >&2; ./example-mail . --crash",
+            {.output = "started: ., no account\nback after a crash: ., no account\n"});
+    }
+    void aCrash()
+    {
+        QFETCH(const QByteArray, start);
+        QFETCH(const Row, row);
+        if (lacks(row.needs))
+            return;
+        if (!row.debugger.isEmpty())
+            writeProgram("gdb", row.debugger);
+        QByteArrayList command;
+        for (const char *name : {"PATH", "TMPDIR", "NAME", "SOURCE", "PREFIX", "APP", "HANDLER"})
+            command += name + ("=" + qgetenv(name));
+        // A session of its own: a fault of the library can send signals to the process group.
+        command += {"setsid", "sh", "-c", ". $SOURCE/tests/functions.sh; exec 2> log;" + start};
+        const auto showFailure = qScopeGuard([] {
+            if (QTest::currentTestFailed())
+                qInfo().noquote() << shell("dumps; cat log");
+        });
+        const Outcome outcome = runToEnd(command);
+        const QByteArray written = shell("dumps; cat log");
+        for (const QByteArray &text : row.shown)
+            QVERIFY2(written.count(text) >= row.shown.count(text), ("no " + text).constData());
+        QCOMPARE(written.count("text to select is [Thread 1]"), row.reports);
+        QCOMPARE(outcome.output, row.output);
+        QCOMPARE(outcome.exitCode, row.exitCode);
     }
 
-    void anApplicationComesBackOnlyAfterItsMinimumUptime()
-    {
-        writeProgram("gdb", "echo kept");
-        const Outcome early = crash({"-", "3600", "1", "null-pointer"});
-        const Outcome late = (QFile::remove(u"crashed"_s), crash({"-", "1", "1", "null-pointer"}));
-        QCOMPARE(shell("dumps").count("\nkept\n"), 2);
-        QVERIFY(!early.output.contains("back again") && late.output.contains("back again"));
-    }
-
-    void eachSignalOfACrashIsReported_data()
-    {
-        QTest::addColumn<int>("number");
-        QTest::newRow("SIGILL") << SIGILL;
-        QTest::newRow("SIGTRAP") << SIGTRAP;
-        QTest::newRow("SIGABRT") << SIGABRT;
-        QTest::newRow("SIGBUS") << SIGBUS;
-        QTest::newRow("SIGFPE") << SIGFPE;
-        QTest::newRow("SIGSEGV") << SIGSEGV;
-        QTest::newRow("SIGSYS") << SIGSYS;
-    }
-    void eachSignalOfACrashIsReported()
-    {
-        QFETCH(const int, number);
-        writeProgram("gdb", "echo kept");
-        const Outcome outcome = crash({"-", "3600", "0", QByteArray::number(number)});
-        const QByteArray header = shell("dumps").split('\n').constFirst();
-        const QByteArray signal = QTest::currentDataTag();
-        QCOMPARE(header, qgetenv("NAME") + " has closed unexpectedly (Signal \"" + signal + "\")");
-        QCOMPARE(outcome.exitCode, 128 + number);
-    }
-
-    void aCrashIsReportedWhenTheApplicationIsKilledMeanwhile()
-    {
-        writeProgram("gdb", "kill -KILL $7; echo kept");
-        const Outcome outcome = crash({"-", "3600", "0", "6"});
-        QVERIFY(shell("dumps").endsWith("\nkept\n"));
-        QCOMPARE(outcome.exitCode, 128 + SIGKILL);
-    }
-
-    void aForkedChildIsNotReported()
-    {
-        writeProgram("gdb", "echo kept");
-        const Outcome outcome = crash({"-", "3600", "0", "forked-child"});
-        QCOMPARE(shell("dumps").count("kept"), 1);
-        QVERIFY(outcome.output.contains("the forked child was ended by signal 11\n"));
-    }
-
-    void settingsThatCannotReportACrashAreRefused_data()
-    {
-        QTest::addColumn<QByteArray>("appName");
-        QTest::addColumn<QByteArray>("handlerPath");
-        QTest::addColumn<int>("error");
-        const auto row
-            = [](const char *name, const QByteArray &appName, const QByteArray &handlerPath,
-                 int error) { QTest::newRow(name) << appName << handlerPath << error; };
-        row("no name", {}, "/bin/sh", EINVAL);
-        row("a name like an option", "-x", "/bin/sh", EINVAL);
-        row("a long name", QByteArray(PATH_MAX, 'x'), "/bin/sh", ENAMETOOLONG);
-        row("no path", "x", {}, EINVAL);
-        row("a folder", "x", "/", EACCES);
-        row("no program", "x", "/proc/version", EACCES);
-        row("nothing there", "x", "/nowhere", ENOENT);
-    }
     void settingsThatCannotReportACrashAreRefused()
     {
-        QFETCH(const QByteArray, appName);
-        QFETCH(const QByteArray, handlerPath);
-        crashreporting::Settings settings;
-        settings.appName = appName.isNull() ? nullptr : appName.constData();
-        settings.handlerPath = handlerPath.isNull() ? nullptr : handlerPath.constData();
-        QVERIFY(!crashreporting::install(settings));
-        QTEST(errno, "error");
+        const auto error = [](const char *name, const char *path) {
+            const vastel_mail_crash_settings settings{name, path, 0};
+            return vastel_mail_install_crash_reporting(&settings) == -1 ? errno : 0;
+        };
+        QCOMPARE(error(nullptr, "/bin/sh"), EINVAL);
+        QCOMPARE(error("-x", "/bin/sh"), EINVAL);
+        QCOMPARE(error(QByteArray(PATH_MAX, 'x'), "/bin/sh"), ENAMETOOLONG);
+        QCOMPARE(error("x", nullptr), EINVAL);
+        QCOMPARE(error("x", "/"), EACCES);
+        QCOMPARE(error("x", "/proc/version"), EACCES);
+        QCOMPARE(error("x", "/nowhere"), ENOENT);
     }
 
-    void anApplicationThatIsRefusedCrashesWithoutAReport()
+    void anEndedSignalStackIsFreedAndTheEarlierOneIsBack()
     {
-        const Outcome outcome = crash({"/nowhere", "0", "0", "null-pointer"});
-        QCOMPARE(outcome.output, "crashes will not be reported: No such file or directory\n");
-        QCOMPARE(outcome.exitCode, 128 + SIGSEGV);
+        stack_t before;
+        stack_t after;
+        sigaltstack(nullptr, &before);
+        auto *const stack = vastel_mail_begin_signal_stack();
+        vastel_mail_end_signal_stack(stack);
+        sigaltstack(nullptr, &after);
+        QCOMPARE(after.ss_sp, before.ss_sp);
+        QCOMPARE(madvise(stack, 1, MADV_NORMAL), -1); // nothing is mapped there
     }
 
-    void theExampleIsBuiltAndComesBack_data()
+    void theInstalledFilesAreListedWithoutDestdir()
     {
-        QTest::addColumn<QByteArray>("command");
-        QTest::newRow("by CMake") << QByteArray(
-            "cmake -G '" CMAKE_GENERATOR "' -D CMAKE_CXX_COMPILER='" CMAKE_CXX_COMPILER
-            "' -D CMAKE_PREFIX_PATH=\"$PREFIX\" -B . -S examples && cmake --build .");
-        QTest::newRow("by pkg-config") << QByteArray(
-            "'" CMAKE_CXX_COMPILER "' -std=c++17 -pthread -o example-mail examples/examplemail.cpp"
-            " $flags");
+        QCOMPARE(shell(R"(DESTDIR=$PWD/root cmake --install "$BUILD" --prefix /usr > log || cat log
+                          find root -type f | sed s/^root// | sort > found
+                          sort "$BUILD/install_manifest.txt" | diff found -)"),
+                 "");
     }
-    void theExampleIsBuiltAndComesBack()
-    {
-        QFETCH(const QByteArray, command);
-        build("cp -r \"$SOURCE/examples\" . &&"
-              " sed -i \"s/Example Mail/& $NAME/\" examples/examplemail.cpp && "
-              + command);
-        writeProgram("gdb", "echo kept");
-        const Outcome outcome
-            = runToEnd(environment() + QByteArrayList{"./example-mail", ".", "--crash"});
-        QVERIFY(shell("dumps").startsWith("Example Mail " + qgetenv("NAME") + " has closed"));
-        QVERIFY2(outcome.output.contains("back after a crash"), outcome.output);
-        QCOMPARE(outcome.exitCode, 128 + SIGSEGV);
-    }
-
-    void cleanupTestCase() { prefix.reset(); }
 
 private:
-    /// Runs a command of the shell, which can use $PREFIX and the compiler's $flags for the library.
-    void build(const QByteArray &command) const
-    {
-        const QByteArray findFlags = "packages=$(find \"$PREFIX\" -name '*.pc');"
-                                     "flags=${packages:+$(pkg-config --cflags --libs $packages)};";
-        const QByteArray status = shell("{ " + findFlags + command + "; } > \"$PREFIX/log\" 2>&1");
-        QVERIFY2(status.isEmpty(), contentOf(prefix->filePath(u"log"_s)));
-    }
-
-    static QByteArrayList environment()
-    {
-        return {"PATH=" + qgetenv("PATH"), "TMPDIR=" + qgetenv("TMPDIR"),
-                "NAME=" + qgetenv("NAME")};
-    }
-
-    /// Lets the application crash.
-    [[nodiscard]] Outcome crash(const QByteArrayList &arguments,
-                                const QByteArrayList &variables = {}) const
-    {
-        // An application can have blocked the signals of its crash.
-        const QByteArrayList command{"env", "--block-signal",
-                                     QFile::encodeName(prefix->path()) + "/crashing-application"};
-        return runToEnd(environment() + variables + command + arguments);
-    }
-
     std::unique_ptr<QTemporaryDir> prefix;
 };
 
