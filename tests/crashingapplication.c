@@ -49,16 +49,22 @@ int prctl(int option, ...)
     return (int)syscall(SYS_prctl, option, argument, 0, 0, 0);
 }
 
+static int is(const char *name)
+{
+    return strcmp(way, name) == 0;
+}
+
 static void install(void)
 {
     struct vastel_mail_crash_settings settings = VASTEL_MAIL_CRASH_SETTINGS_INIT;
-    char name[100];
+    static char name[100];
     snprintf(name, sizeof name, "%s", getenv("NAME"));
     settings.app_name = name;
     settings.handler_path = getenv("HANDLER");
     if (vastel_mail_install_crash_reporting(&settings) == -1)
         perror("crashes will not be reported");
-    memset(name, 'x', sizeof name); // the library has a copy
+    if (is("changed-settings"))
+        name[0] = 'x';
 }
 
 static void onUserSignal(int number)
@@ -77,11 +83,6 @@ static int countNestedReplies(int depth)
     volatile int repliesAt[512];
     repliesAt[0] = depth;
     return depth < 0 ? 0 : countNestedReplies(depth + 1) + repliesAt[0];
-}
-
-static int is(const char *name)
-{
-    return strcmp(way, name) == 0;
 }
 
 static void crashInChild(int flags)

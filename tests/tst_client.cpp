@@ -102,6 +102,7 @@ private Q_SLOTS:
         row("A handler of fork(2) must not run", "$APP fork-handler");
         row("All descriptors are used up", "ulimit -n 64; $APP no-descriptor");
         row("The variables are lost", "$APP no-variables", {.shown = {"openMessage"}});
+        row("The application changes the settings later", "$APP changed-settings");
         row("The link to the crash handler is gone",
             "ln -s $HANDLER handler; WHILE_IT_WAITS='rm handler' HANDLER=./handler $APP 0");
         row("The crash handler is gone",
