@@ -100,9 +100,9 @@ void boundWaitsOfStandardError()
     std::FILE *stream = ::fopencookie(nullptr, "w", {nullptr, writePatiently, nullptr, nullptr});
     if (stream == nullptr)
         return;
-    // As standard error is by default: what a library says before it aborts must not stay in a
-    // buffer.
-    std::setvbuf(stream, nullptr, _IONBF, 0);
+    // What a library says before it aborts must not stay in a buffer. Without one, newer versions
+    // of glibc would write each text in many pieces.
+    std::setvbuf(stream, nullptr, _IOLBF, BUFSIZ);
     // Without SA_RESTART, so that the signal ends a write that waits.
     struct sigaction action = {};
     action.sa_handler = endPatience;

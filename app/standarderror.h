@@ -9,7 +9,7 @@
 ///
 /// Standard error itself stays as it was inherited, with all flags: the debugger and the restarted
 /// application share it. SIGALRM calls a signal handler from here on; execve(2) resets that. The
-/// stream is unbuffered, like the one that it replaces.
+/// stream is line-buffered.
 ///
 /// Call it once, before the first text, and after all signals have got their actions. It logs
 /// nothing. When it fails, for want of memory, the stream stays as it is.

@@ -64,6 +64,24 @@ Text appName;
 long long minimumUptime; // seconds
 timespec installTime;
 
+// On 32-bit x86, the C library makes every system call through a pointer in the thread's memory.
+#ifdef __i386__
+void *systemCallEntry;
+
+void saveSystemCalls()
+{
+    asm("movl %%gs:0x10, %0" : "=r"(systemCallEntry));
+}
+
+void restoreSystemCalls()
+{
+    asm volatile("movl %0, %%gs:0x10" : : "r"(systemCallEntry));
+}
+#else
+void saveSystemCalls() { }
+void restoreSystemCalls() { }
+#endif
+
 const char *signalName(int number)
 {
     for (const CrashSignal &signal : crashSignals) {
@@ -189,9 +207,11 @@ void reportCrash(int signalNumber)
 /// async-signal-safe (signal-safety(7); prctl(2) and closefrom(3) are so in glibc). And it may have
 /// overwritten the thread's own memory, which lies behind the end of its stack: the C library's
 /// descriptor of the thread and its thread-local variables. So what reads them is not used here:
-/// errno, and the functions for which syscall(2) stands.
+/// errno, and the functions for which syscall(2) stands. When the write has reached what the kernel
+/// reads of it (rseq(2)), the kernel ends the process instead of calling this function.
 void onCrash(int signalNumber)
 {
+    restoreSystemCalls();
     // False in a forked child. After vfork(2) the child shares this memory but has another ID.
     // After fork(2) in a new PID namespace it can have the same ID, but the kernel has set its copy
     // to 0 (MADV_WIPEONFORK).
@@ -205,12 +225,27 @@ void onCrash(int signalNumber)
     syscall(SYS_tgkill, process, threadId(), signalNumber);
 }
 
-/// Returns memory of its own pages, or null with errno.
+/// The size of the page below what mapMemory() returns.
+std::size_t guardSize()
+{
+    return static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+}
+
+/// Returns memory of its own pages, or null with errno. The page below it cannot be accessed: there
+/// ends a write that runs off the end of a thread's stack, which can lie right below.
 void *mapMemory(std::size_t size)
 {
-    void *const memory
-        = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    return memory == MAP_FAILED ? nullptr : memory;
+    void *const guard
+        = mmap(nullptr, guardSize() + size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (guard == MAP_FAILED)
+        return nullptr;
+    void *const memory = static_cast<char *>(guard) + guardSize();
+    return mprotect(memory, size, PROT_READ | PROT_WRITE) == -1 ? nullptr : memory;
+}
+
+void unmapMemory(void *memory, std::size_t size)
+{
+    munmap(static_cast<char *>(memory) - guardSize(), guardSize() + size);
 }
 
 /// Enough for the signal frame with all registers of this processor, and for the few calls above.
@@ -259,7 +294,7 @@ void vastel_mail_end_signal_stack(struct vastel_mail_signal_stack *stack)
     if (stack == nullptr)
         return;
     sigaltstack(&stack->earlier, nullptr);
-    munmap(stack, signalStackSize());
+    unmapMemory(stack, signalStackSize());
 }
 
 int vastel_mail_install_crash_reporting(const struct vastel_mail_crash_settings *settings)
@@ -287,6 +322,7 @@ int vastel_mail_install_crash_reporting(const struct vastel_mail_crash_settings 
     std::memcpy(appName.data(), settings->app_name, appNameSize);
     minimumUptime = settings->minimum_uptime;
     clock_gettime(CLOCK_MONOTONIC, &installTime);
+    saveSystemCalls();
 
     // Never ended: the main thread can crash at any moment until the process ends. Without it, only
     // a stack overflow goes unreported.

@@ -135,30 +135,17 @@ private Q_SLOTS:
     void debuggingStartsTheApplicationAndAbortsARunningCollection()
     {
         writeProgram("gdb", "echo $$; exec sleep 1000");
-        shell("cp /bin/cat application"); // with "-", it waits
+        shell("cp /bin/cat application");
         QProcess application;
-        // QProcess cannot pass a variable without "=". /bin/false runs only if execve(2) fails. The
-        // texts are static: the stack can be that of this process, vfork(2).
-        application.setChildProcessModifier([] {
-            static char texts[][16] = {"./application", "-", "VALUELESS", "NÄME=a\r\nb=c\n"};
-            static char *const arguments[] = {texts[0], texts[1], nullptr};
-            static char *const variables[] = {texts[2], texts[3], nullptr};
-            ::execve(arguments[0], arguments, variables);
-        });
-        application.start(u"/bin/false"_s);
+        application.start(u"./application"_s); // waits for its input
+        QVERIFY(application.waitForStarted());
         const QByteArray pid = QByteArray::number(application.processId());
-        // A process that has just become another program has no variables yet.
-        const QByteArray hasVariables = "grep -q ^VALUELESS /proc/" + pid + "/environ";
-        QTRY_COMPARE_WITH_TIMEOUT(shell(hasVariables), "", patience);
-
         CrashHandler handler(application.processId(), appName(), u"11"_s, false);
-        writeProgram("application",
-                     "cat /proc/$$/environ > variables; echo \"$@\" > new; mv new arguments");
+        writeProgram("application", "echo \"$@\" > new; mv new arguments");
+
         const QByteArray header = shell("dumps");
         QVERIFY(QMetaObject::invokeMethod(&handler, "debugApplication"));
         QTRY_COMPARE_WITH_TIMEOUT(contentOf(u"arguments"_s), "-debug " + pid + '\n', patience);
-        const QByteArray variables = '\0' + contentOf(u"variables"_s);
-        QVERIFY(variables.contains("\0NÄME=a\r\nb=c\n\0"_ba) && !variables.contains("VALUELESS"));
         QCOMPARE(shell("dumps"), header);
 
         handler.run();
@@ -166,8 +153,6 @@ private Q_SLOTS:
         const QByteArray report = shell("dumps");
         QVERIFY(QFile::remove(u"arguments"_s));
         QVERIFY(QMetaObject::invokeMethod(&handler, "debugApplication"));
-        QVERIFY(
-            log.contains("info Debugging application requested\ninfo Killing debugger process\n"));
         QTRY_COMPARE_WITH_TIMEOUT(contentOf(u"arguments"_s), "-debug " + pid + '\n', patience);
         QCOMPARE(shell("dumps"), report + "\n\nCollecting backtrace aborted by user.");
         const QByteArray debugger = report.sliced(header.size()).trimmed();
