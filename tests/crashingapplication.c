@@ -5,7 +5,7 @@
 //   THREAD  anything: that many threads crash in place of the main thread
 // Variables: NAME and HANDLER are settings of the library. UPTIME are milliseconds that pass, at
 // once, before the crash; when it is back, it says so. BEFORE_IT_WAITS is a script that the child
-// runs before it waits, and WHILE_IT_WAITS one that runs before the application permits it to go on.
+// runs before it waits, WHILE_IT_WAITS one that runs before the application permits it to go on.
 
 #define _GNU_SOURCE
 #include <vastel-mail/crashreporting_c.h>
@@ -42,10 +42,12 @@ int prctl(int option, ...)
     const int argument = va_arg(list, int);
     va_end(list);
     const char *const script = option == PR_SET_PTRACER ? whileItWaits : beforeItWaits;
-    char command[1000];
-    snprintf(command, sizeof command, "parent=%d child=%d; %s", getppid(), argument, script);
-    if (script != NULL && argument != 0 && system(command) != 0)
-        perror(command);
+    if (script != NULL && argument != 0) {
+        char command[1000];
+        snprintf(command, sizeof command, "parent=%d child=%d; %s", getppid(), argument, script);
+        if (system(command) != 0)
+            perror(command);
+    }
     return (int)syscall(SYS_prctl, option, argument, 0, 0, 0);
 }
 
@@ -116,13 +118,12 @@ static void *crash(void *thread)
         continue;
     if (is("cancelled"))
         pthread_cancel(pthread_self());
-    if (is("cancelled-later"))
-        pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, NULL);
-    if (is("overwritten")) {
-        // The C library's own memory of a thread lies behind the end of its stack.
-        char line[128];
+    // The C library's own memory of a thread lies behind the end of its stack.
+    char line[128];
+    if (is("overwritten"))
         memset(line, 'x', (size_t)((char *)pthread_self() - line) + 2000);
-    }
+    for (char *volatile end = line; is("endless-write"); ++end)
+        *end = 0;
     if (is("overflow"))
         countNestedReplies(0);
     if (is("abort"))
@@ -149,7 +150,5 @@ int main(int argc, char *argv[])
         pthread_create(&thread, NULL, crash, argv[number]);
     if (argc == 2)
         crash(NULL);
-    pause();
-    pthread_cancel(thread);
     pause();
 }

@@ -13,6 +13,32 @@ dumps() {
     dump_files | xargs -r cat
 }
 
+# Installs the library below $PREFIX, and builds $APP against it. Not optimized, with debug information: the
+# reports have the functions of the source.
+install_and_build() {
+    DESTDIR='' cmake --install "$BUILD" --prefix "$PREFIX" > /dev/null
+    # shellcheck disable=SC2046 # several words
+    cc -std=c11 -Wall -Wextra -Wpedantic -Werror -g -O0 -pthread -o "$APP" \
+        "$SOURCE/tests/crashingapplication.c" $(pkg-config --cflags --libs "$(package)")
+}
+package() {
+    find "$PREFIX" -name '*.pc'
+}
+
+# build_example GENERATOR COMPILER: copies it, and gives it the row's name.
+build_example() {
+    cp "$SOURCE/examples"/* .
+    sed -i "s/Example Mail/$NAME/" examplemail.cpp
+    cmake -G "$1" -D CMAKE_CXX_COMPILER="$2" -D CMAKE_PREFIX_PATH="$PREFIX" . >&2 && cmake --build . >&2
+}
+
+# Prints how the list of installed files differs from the files.
+compare_manifest() {
+    DESTDIR=$PWD/root cmake --install "$BUILD" --prefix /usr > log || cat log
+    find root -type f | sed s/^root// | sort > found
+    sort "$BUILD/install_manifest.txt" | diff found -
+}
+
 # wait_until COMMAND...: waits until it succeeds, for ten seconds at least.
 wait_until() {
     attempts=0

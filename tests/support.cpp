@@ -39,8 +39,12 @@ Outcome runToEnd(const QByteArrayList &command)
         [] { ::close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC); });
     // What the program leaves running becomes a child of this process, which sees its end as well.
     ::prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0);
-    process.start(u"/usr/bin/env"_s,
-                  QString::fromUtf8("-i\0"_ba + command.join('\0')).split(u'\0'));
+    QByteArrayList arguments{"-i"};
+    for (const char *name :
+         {"PATH", "TMPDIR", "FOLDER", "NAME", "SOURCE", "BUILD", "PREFIX", "APP", "HANDLER"})
+        arguments.append(name + ("=" + qgetenv(name)));
+    arguments += command;
+    process.start(u"/usr/bin/env"_s, QString::fromUtf8(arguments.join('\0')).split(u'\0'));
     const qint64 pid = process.processId();
     const auto hasEnded = [&process] {
         return process.state() == QProcess::NotRunning && ::waitpid(-1, nullptr, WNOHANG) == -1;

@@ -23,8 +23,8 @@ struct Outcome
     QByteArray output = {}; // standard output and standard error
 };
 
-/// Runs \a command, which begins with its variables (env(1)), until it and all that it has started
-/// have ended. Fails the row if they do not.
+/// Runs \a command, which begins with variables (env(1)) besides those that the tests set, until it
+/// and all that it has started have ended. Fails the row if they do not.
 Outcome runToEnd(const QByteArrayList &command);
 
 /// Each row has a folder of its own, which is the current one, the first on the search path, and

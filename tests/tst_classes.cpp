@@ -22,19 +22,12 @@ private Q_SLOTS:
         qInstallMessageHandler(record);
     }
 
-    void appendedFilesArePrivateWhateverTheUmask()
+    void whatIsAppendedIsReadAgain()
     {
-        for (const mode_t mask : {0777U, 0U}) {
-            const mode_t earlierMask = ::umask(mask);
-            const bool isWritten = writeToFile(u"file"_s, "a\r\n") && writeToFile(u"file"_s, {})
-                && writeToFile(u"file"_s, "b\0\xfc"_ba);
-            QCOMPARE(::umask(earlierMask), mask);
-            QVERIFY(isWritten);
-            QCOMPARE(shell("stat -c %a file"), "600\n");
-            QCOMPARE(readBinaryFile(u"file"_s), "a\r\nb\0\xfc"_ba);
-            QCOMPARE(readFile(u"file"_s), "a\nb\0\xfc"_ba);
-            QVERIFY(QFile::remove(u"file"_s));
-        }
+        QVERIFY(writeToFile(u"file"_s, "a\r\n") && writeToFile(u"file"_s, {}));
+        QVERIFY(writeToFile(u"file"_s, "b\0\xfc"_ba));
+        QCOMPARE(readBinaryFile(u"file"_s), "a\r\nb\0\xfc"_ba);
+        QCOMPARE(readFile(u"file"_s), "a\nb\0\xfc"_ba);
     }
 
     void aFailedWriteIsReported()
@@ -42,18 +35,6 @@ private Q_SLOTS:
         QVERIFY(writeToFile(u"/dev/full"_s, "lost when the file is closed"));
         QVERIFY(!writeToFile(u"/dev/full"_s, QByteArray(1'000'000, 'x')));
         QVERIFY(log.endsWith("debug Wrote -1 bytes to file: \"/dev/full\"\n"));
-    }
-
-    void anotherProcessCanAppendMeanwhileAndDoesNotInheritTheFile()
-    {
-        const auto append = [](QtMsgType, const QMessageLogContext &, const QString &text) {
-            if (text.startsWith(u"Wrote")) // and the file is still open
-                QCOMPARE(shell("echo second >> file; find /proc/self/fd -lname '*/file'"), "");
-        };
-        qInstallMessageHandler(append);
-        QVERIFY(writeToFile(u"file"_s, "first\n"));
-        qInstallMessageHandler(record);
-        QCOMPARE(contentOf(u"file"_s), "second\nfirst\n");
     }
 
     void whatAnotherUserCanHavePlantedIsRefused_data()
@@ -80,14 +61,15 @@ private Q_SLOTS:
         QVERIFY(!QFile::exists(u"nothing"_s));
     }
 
-    void onlyTheOwnerCanWriteToTheFolderWhateverTheUmask()
+    void onlyTheOwnerCanWriteWhateverTheUmask()
     {
-        for (const auto &[mask, modes] : {std::pair(0777U, "700\n700\n"), {0U, "755\n755\n"}}) {
+        for (const auto &[mask, modes] :
+             {std::pair(0777U, "700\n700\n600\n"), {0U, "755\n755\n600\n"}}) {
             const mode_t earlierMask = ::umask(mask);
             const DumpFile dump(u"x"_s, u"11"_s, u"./a/dumps/"_s);
             QCOMPARE(::umask(earlierMask), mask);
             QVERIFY(dump.dumpFilePath().startsWith(u"./a/dumps//2"));
-            QCOMPARE(shell("stat -c %a a a/dumps; rm -r a"), modes);
+            QCOMPARE(shell("stat -c %a a a/dumps a/dumps/*; rm -r a"), modes);
         }
     }
 
@@ -144,16 +126,18 @@ private Q_SLOTS:
         writeProgram("application", "echo \"$@\" > new; mv new arguments");
 
         const QByteArray header = shell("dumps");
-        QVERIFY(QMetaObject::invokeMethod(&handler, "debugApplication"));
-        QTRY_COMPARE_WITH_TIMEOUT(contentOf(u"arguments"_s), "-debug " + pid + '\n', patience);
+        const auto debug = [&] {
+            QVERIFY(QMetaObject::invokeMethod(&handler, "debugApplication"));
+            QTRY_COMPARE_WITH_TIMEOUT(contentOf(u"arguments"_s), "-debug " + pid + '\n', patience);
+            QVERIFY(QFile::remove(u"arguments"_s));
+        };
+        debug();
         QCOMPARE(shell("dumps"), header);
 
         handler.run();
         QTRY_VERIFY_WITH_TIMEOUT(shell("dumps") != header, patience);
         const QByteArray report = shell("dumps");
-        QVERIFY(QFile::remove(u"arguments"_s));
-        QVERIFY(QMetaObject::invokeMethod(&handler, "debugApplication"));
-        QTRY_COMPARE_WITH_TIMEOUT(contentOf(u"arguments"_s), "-debug " + pid + '\n', patience);
+        debug();
         QCOMPARE(shell("dumps"), report + "\n\nCollecting backtrace aborted by user.");
         const QByteArray debugger = report.sliced(header.size()).trimmed();
         QTRY_VERIFY_WITH_TIMEOUT(shell("kill -0 " + debugger) != "", patience);
