@@ -1,5 +1,6 @@
 #include "app/standarderror.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -64,7 +65,9 @@ ssize_t writePatiently(void * /*cookie*/, const char *text, std::size_t size)
     ::setitimer(ITIMER_REAL, &running, nullptr);
     std::size_t written = 0;
     while (written < size && isPatienceOver == 0) {
-        const ssize_t count = ::write(STDERR_FILENO, text + written, size - written);
+        // A datagram socket takes no large text at once.
+        const std::size_t piece = std::min<std::size_t>(size - written, BUFSIZ);
+        const ssize_t count = ::write(STDERR_FILENO, text + written, piece);
         if (count >= 0)
             written += static_cast<std::size_t>(count);
         else if (errno == EAGAIN)
