@@ -86,8 +86,7 @@ private Q_SLOTS:
         row("The minimum uptime is not over", "UPTIME=9999 $APP 0");
 
         row("The thread has been cancelled", "$APP cancelled thread");
-        row("The C library's memory of the thread is overwritten", "$APP overwritten thread");
-        row("A write runs off the end of the thread's stack", "$APP endless-write thread");
+        row("The C library's memory of the thread is overwritten", "$APP endless-write thread");
         row("A handler of fork(2) must not run", "$APP fork-handler");
         row("All descriptors are used up", "ulimit -n 64; $APP no-descriptor");
         row("The variables are lost", "$APP no-variables", {.shown = {"openMessage"}});
