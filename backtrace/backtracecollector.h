@@ -45,10 +45,10 @@ public:
     /// A full disk can go unnoticed: when the commands are lost as the file is closed, the debugger
     /// runs without commands and succeeds, and backtrace() delivers what little it prints.
     ///
-    /// A second call is not meant. While a debugger runs, QProcess refuses another one, and no
-    /// signal answers the call. After its end there is a further collection, whose output is
-    /// appended to that of the earlier one. It ends in error() if the earlier debugger crashed or
-    /// could not be started.
+    /// A second call is not meant. While a debugger runs, QProcess refuses another one, but the
+    /// command file is replaced, and error() is emitted if that fails. After its end there is a
+    /// further collection, whose output is appended to that of the earlier one. It ends in error()
+    /// if the earlier debugger crashed or could not be started.
     void start(qint64 pid);
 
     /// Kills the debugger at once (SIGKILL), also while it is still being started. This is then

@@ -1,6 +1,6 @@
 #pragma once
 
-// The interface for C++17, a layer without code of its own over crashreporting_c.h, which documents
+// The interface for C++17, a layer in this header over crashreporting_c.h, which documents
 // the operations. integration.md is the guide.
 
 #include <vastel-mail/crashreporting_c.h>

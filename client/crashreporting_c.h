@@ -23,8 +23,8 @@ struct vastel_mail_crash_settings
     long long minimum_uptime;
 };
 
-// The crash handler that is installed with this header, and a minimum uptime for most applications.
-// Only the name has no default.
+// The defaults of the settings; only the name has none. VASTEL_MAIL_CRASH_HANDLER_PATH is the crash
+// handler that is installed with this header.
 #define VASTEL_MAIL_CRASH_MINIMUM_UPTIME 10
 #define VASTEL_MAIL_CRASH_SETTINGS_INIT                                                            \
     {                                                                                              \

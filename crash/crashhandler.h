@@ -30,8 +30,8 @@ public:
     ///
     /// Creates the dump file and writes its header; see DumpFile for failures. Then copies the
     /// process's command line and environment from /proc/PID/cmdline and /proc/PID/environ
-    /// (proc(5)), unless \a restartDisabled. Without a usable command line, and where /proc is that
-    /// of another PID namespace, a warning is logged, and nothing is started later.
+    /// (proc(5)). If \a restartDisabled, without a usable command line, and where /proc is that of
+    /// another PID namespace, it logs a warning instead, and nothing is started later.
     CrashHandler(qint64 pid, const QString &appName, const QString &signalName,
                  bool restartDisabled, QObject *parent = nullptr);
     ~CrashHandler() override;

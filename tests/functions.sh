@@ -90,7 +90,8 @@ in_background() {
 
 # What follows runs the crash handler, whose command line is "$@", with a pipe as its standard error.
 
-# with_slow_reader FLAG COMMAND...: nobody reads before the log is full. Each write returns with FLAG of dd(1).
+# with_slow_reader FLAG COMMAND...: nobody reads before the log is full. dd(1) sets FLAG, sync or nonblock, on the
+# pipe; the crash handler must leave the pipe's flags alone.
 with_slow_reader() {
     flag=$1
     shift
@@ -119,7 +120,7 @@ with_late_reader() {
     perl -e 'while (sysread STDIN, $page, 4096) {
         print $page;
         select undef, undef, undef, 0.02 unless -e "ended";
-    }' < log | grep -a 'debug Destr[o]ying' &
+    }' < log | grep -a 'debug Destroying' &
     "$@" 2> log
     : > ended
     wait
@@ -144,12 +145,12 @@ listen_to() {
 
 # set_room MIBS: gives the pipe that is the standard input room for so many MiB, or prints why not (pipe(7)).
 set_room() {
-    perl -e 'fcntl(STDIN, 1031, $ARGV[0] << 20) or print "$!\n"' "$1"
+    perl -e '$F_SETPIPE_SZ = 1031; fcntl(STDIN, $F_SETPIPE_SZ, $ARGV[0] << 20) or print "$!\n"' "$1"
 }
 
 # Prints how much room it has.
 room() {
-    perl -e 'print fcntl(STDIN, 1032, 0), "\n"'
+    perl -e '$F_GETPIPE_SZ = 1032; print fcntl(STDIN, $F_GETPIPE_SZ, 0), "\n"'
 }
 
 # Prints what is in a pipe, without waiting for more.

@@ -44,7 +44,7 @@ protected Q_SLOTS:
     void cleanup();
 
 protected:
-    /// Skips the row if the script \a need prints something. Then the row must return.
+    /// Skips the row where the script \a need fails or prints something. Then the row must return.
     [[nodiscard]] bool lacks(const QByteArray &need);
 
 private:

@@ -19,9 +19,9 @@ const QByteArray standIn = "echo '[Current thread is 1 (x)]'"; // for gdb
 
 struct Row
 {
-    QByteArray needs = "true"; // the row is skipped where this command fails
+    QByteArray needs = {}; // skipped where this script fails or prints something
     QByteArray debugger = standIn; // null for gdb itself
-    QByteArrayList shown = {}; // in the reports or the log, at least as often
+    QByteArrayList shown = {}; // in report or log at least as often as here
     int reports = 1; // complete ones
     QByteArray output = {}; // on standard output; the log is on standard error
     int exitCode = 128 + SIGSEGV;
