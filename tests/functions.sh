@@ -114,24 +114,32 @@ log_is_full() {
     [ "$state" = S ] && ! { read -r _ < "/proc/$pid/task/$pid/children"; } 2> /dev/null
 }
 
+# Makes the log, whose descriptor is 3, and fills it: nothing more fits in.
+make_full_log() {
+    mkfifo log
+    exec 3<> log
+    set_room 1 <&3
+    dd if=/dev/zero of=log oflag=nonblock 2> full
+}
+
 # Each page is read late. Prints a line of the log's end, if it comes to that.
 with_late_reader() {
-    mkfifo log
-    perl -e 'while (sysread STDIN, $page, 4096) {
-        print $page;
-        select undef, undef, undef, 0.02 unless -e "ended";
-    }' < log | grep -a 'debug Destroying' &
-    "$@" 2> log
+    make_full_log
+    {
+        perl -e 'while (sysread STDIN, $page, 4096) {
+            print $page;
+            select undef, undef, undef, 0.02 unless -e "ended";
+        }' < log | grep -a 'debug Destroying'
+    } 3>&- &
+    "$@" 2>&3 3>&-
     : > ended
+    exec 3>&-
     wait
 }
 
 # The log is full from the start. Prints what it has got after that, and whether this has taken much more than a second.
 with_full_log() {
-    mkfifo log
-    exec 3<> log
-    set_room 1 <&3
-    dd if=/dev/zero of=log oflag=nonblock 2> full
+    make_full_log
     began=$(date +%s)
     "$@" 2>&3
     read_pipe log

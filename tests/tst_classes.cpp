@@ -37,6 +37,17 @@ private Q_SLOTS:
         QVERIFY(log.endsWith("debug Wrote -1 bytes to file: \"/dev/full\"\n"));
     }
 
+    void anotherProcessCanAppendMeanwhile()
+    {
+        qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &text) {
+            if (text.startsWith(u"Wrote")) // and the file is still open
+                QCOMPARE(shell("echo second >> file"), "");
+        });
+        QVERIFY(writeToFile(u"file"_s, "first\n"));
+        qInstallMessageHandler(record);
+        QCOMPARE(contentOf(u"file"_s), "second\nfirst\n");
+    }
+
     void whatAnotherUserCanHavePlantedIsRefused_data()
     {
         QTest::addColumn<QByteArray>("planted");
@@ -138,6 +149,8 @@ private Q_SLOTS:
         QTRY_VERIFY_WITH_TIMEOUT(shell("dumps") != header, patience);
         const QByteArray report = shell("dumps");
         debug();
+        QVERIFY(
+            log.contains("info Debugging application requested\ninfo Killing debugger process\n"));
         QCOMPARE(shell("dumps"), report + "\n\nCollecting backtrace aborted by user.");
         const QByteArray debugger = report.sliced(header.size()).trimmed();
         QTRY_VERIFY_WITH_TIMEOUT(shell("kill -0 " + debugger) != "", patience);

@@ -208,9 +208,11 @@ s/status 0/status 1/)"});
                 {.start = largeLog,
                  .startHandler = "with_slow_reader " + flag + " \"$@\"",
                  .log = "s/, \"Ã¼\"/" + QByteArray(", \"$TEXT\"").repeated(12) + '/'});
+        // Three texts of 150 and 100 kB, each of which alone takes less than a second.
         row("A reader that is always late is waited for during one second in all",
-            {.needs = "perl -e 1",
-             .start = largeLog,
+            {.needs = "mkfifo pipe; set_room 1 <> pipe",
+             .start = R"sh(export LARGE="$(printf '%0100000d' 0)"
+                exec "$0" $(printf '%0100000d %050000d' 0 0))sh",
              .startHandler = R"(with_late_reader "$@")",
              .log = "$!d"});
         row("A log that nobody reads ends after one second, and for good",
