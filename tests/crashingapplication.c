@@ -59,14 +59,12 @@ static int is(const char *name)
 static void install(void)
 {
     struct vastel_mail_crash_settings settings = VASTEL_MAIL_CRASH_SETTINGS_INIT;
-    static char name[100];
+    char name[100]; // the library copies it
     snprintf(name, sizeof name, "%s", getenv("NAME"));
     settings.app_name = name;
     settings.handler_path = getenv("HANDLER");
     if (vastel_mail_install_crash_reporting(&settings) == -1)
         perror("crashes will not be reported");
-    if (is("changed-settings"))
-        name[0] = 'x';
 }
 
 static void onUserSignal(int number)

@@ -67,9 +67,6 @@ private Q_SLOTS:
             " $APP 0 thread thread",
             {.debugger = {},
              .shown = {"openMessage", "openMessage", "awaitCrashHandler", "waitForever"}});
-        row("gdb is not misled by variables and libraries of the application",
-            ": > libexpat.so.1; PYTHONHOME=/nowhere LD_LIBRARY_PATH=. $APP 0",
-            {.debugger = {}, .shown = {"openMessage"}});
 
         for (int number : {SIGILL, SIGTRAP, SIGABRT, SIGBUS, SIGFPE, SIGSEGV, SIGSYS}) {
             const QByteArray name = "SIG"_ba + sigabbrev_np(number);
@@ -90,7 +87,6 @@ private Q_SLOTS:
         row("A handler of fork(2) must not run", "$APP fork-handler");
         row("All descriptors are used up", "ulimit -n 64; $APP no-descriptor");
         row("The variables are lost", "$APP no-variables", {.shown = {"openMessage"}});
-        row("The application changes the settings later", "$APP changed-settings");
         row("The link to the crash handler is gone",
             "ln -s $HANDLER handler; WHILE_IT_WAITS='rm handler' HANDLER=./handler $APP 0");
         row("The crash handler is gone",
