@@ -164,9 +164,11 @@ s/status 0/status 1/)"});
             {.debugger = R"(prlimit --fsize=unlimited: --pid $PPID; echo "$NAME has closed")",
              .startHandler = R"((ulimit -S -f 0; exec "$@"))",
              .report = "$NAME has closed\n"});
-        row("A large report is kept, and it is UTF-8",
-            {.debugger = R"(head -c 5000000 /dev/zero | tr '\000' 0; echo é)",
-             .report = header + QByteArray(5'000'000, '0') + "é\n"});
+        row("A large report is kept, it is UTF-8, and its current thread is marked",
+            {.debugger = R"(head -c 5000000 /dev/zero | tr '\000' 0
+                printf 'é\n[Current thread is 2 (x)]')",
+             .report = header + QByteArray(5'000'000, '0')
+                 + "é\n[Current thread is 2 (x)]text to select is [Thread 2]"});
 
         // The restart.
         row("A disabled restart does not take place",
