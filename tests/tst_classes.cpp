@@ -7,7 +7,6 @@
 #include "util/files.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 class ClassesTest : public TestInFolder
 {
