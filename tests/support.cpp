@@ -4,83 +4,87 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+namespace {
+
+const QString dumpFolder = u"/tmp/vastel-mail"_s;
+// Runs the command that follows with the row's dump files.
+const QByteArray withDumps = "grep -ls $NAME /tmp/vastel-mail/*.dump | xargs -r ";
+
+void save(const QString &name, const QByteArray &text)
+{
+    QFile file(name);
+    QVERIFY(file.open(QIODevice::WriteOnly) && file.write(text) == text.size());
+}
+
+} // namespace
+
 QByteArray contentOf(const QString &path)
 {
     QFile file(path);
-    const bool isOpen = QFileInfo(path).isFile() && file.open(QIODevice::ReadOnly);
-    return isOpen ? file.readAll() : QByteArray();
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
 QByteArray shell(const QByteArray &script)
 {
     QProcess process;
     process.setProcessChannelMode(QProcess::MergedChannels);
-    const QByteArray text = ". \"$SOURCE/tests/functions.sh\"\n" + script;
-    process.start(u"/bin/sh"_s, {u"-c"_s, QString::fromUtf8(text)});
-    process.waitForFinished(patience);
+    process.start(u"/bin/sh"_s, {u"-c"_s, QString::fromUtf8(script)});
+    process.waitForFinished(timeLimit);
     const int exitCode = process.exitCode();
     return process.readAll() + (exitCode == 0 ? "" : "exit status " + QByteArray::number(exitCode));
 }
 
-void writeProgram(const QByteArray &name, const QByteArray &script)
+void writeProgram(const QString &name, const QByteArray &script)
 {
-    const QByteArray write = "cat > new << 'END'\n#!/bin/sh\n" + script + "\nEND\n";
-    QCOMPARE(shell(write + "chmod +x new && mv new " + name), "");
+    save(name, "#!/bin/sh\n" + script);
+    QFile::setPermissions(name, QFile::ReadOwner | QFile::ExeOwner);
 }
 
-Outcome runToEnd(const QByteArrayList &command)
+int runToEnd(const QByteArray &script, const QStringList &variables)
 {
     QProcess process;
     process.setStandardInputFile(QProcess::nullDevice());
     process.setStandardOutputFile(u"output"_s);
-    process.setProcessChannelMode(QProcess::MergedChannels);
-    // The program must have no more descriptors than one that is restarted.
-    process.setChildProcessModifier(
-        [] { ::close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC); });
-    // What the program leaves running becomes a child of this process, which sees its end as well.
-    ::prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0);
-    QByteArrayList arguments{"-i"};
-    for (const char *name :
-         {"PATH", "TMPDIR", "FOLDER", "NAME", "SOURCE", "BUILD", "PREFIX", "APP", "HANDLER"})
-        arguments.append(name + ("=" + qgetenv(name)));
-    arguments += command;
-    process.start(u"/usr/bin/env"_s, QString::fromUtf8(arguments.join('\0')).split(u'\0'));
-    const qint64 pid = process.processId();
+    process.setStandardErrorFile(u"log"_s);
+    process.setEnvironment(QProcess::systemEnvironment() + variables);
+    process.start(u"setsid"_s, {u"bash"_s, u"-c"_s, QString::fromUtf8(script)});
     const auto hasEnded = [&process] {
         return process.state() == QProcess::NotRunning && ::waitpid(-1, nullptr, WNOHANG) == -1;
     };
-    if (!QTest::qWaitFor(hasEnded, 2 * patience))
-        QTest::qFail("The program, or one that it has started, does not end.", __FILE__, __LINE__);
-    const int signalBase = process.exitStatus() == QProcess::CrashExit ? 128 : 0;
-    return {pid, signalBase + process.exitCode(), contentOf(u"output"_s)};
+    if (!QTest::qWaitFor(hasEnded, timeLimit))
+        QTest::qFail("The script, or something that it has started, does not end.", __FILE__,
+                     __LINE__);
+    return process.exitCode() + (process.exitStatus() == QProcess::CrashExit ? 128 : 0);
 }
 
-int TestInFolder::runRows(int argc, char *argv[])
+QByteArray dumps()
 {
-    if (!qEnvironmentVariableIsSet("OWN_TMP")) {
-        qputenv("SOURCE", SOURCE_FOLDER);
-        qputenv("BUILD", BUILD_FOLDER);
-        qputenv("TEST", QFile::encodeName(QFile::symLinkTarget(u"/proc/self/exe"_s)));
-        ::execv(SOURCE_FOLDER "/tests/own-tmp.sh", argv);
-        return EXIT_FAILURE;
-    }
-    // Qt Test would run the stand-in for gdb when it crashes itself.
-    qputenv("QTEST_DISABLE_STACK_DUMP", "1");
-    const QCoreApplication application(argc, argv);
-    const int failures = QTest::qExec(this, argc, argv);
-    return rows > 0 ? failures : EXIT_FAILURE;
+    return shell(withDumps + "cat");
+}
+
+void compare(const QByteArray &got, const QByteArray &expected)
+{
+    save(u"got"_s, got + '\n');
+    save(u"expected"_s, expected + '\n');
+    const QByteArray diff = "diff -a -u --label expected --label got expected got";
+    QVERIFY2(got == expected, shell(diff + R"( | tr '\000' 0 | cut -c -300)"));
 }
 
 void TestInFolder::init()
 {
-    ++rows;
+    QVERIFY2(qEnvironmentVariableIsSet("SOURCE"), "Start the program by tests/own-tmp.sh.");
+    static const QByteArray searchPath = qgetenv("PATH");
     folder = std::make_unique<QTemporaryDir>(u"/tmp/vastel-test-XXXXXX"_s);
     QDir::setCurrent(folder->path());
-    qputenv("NAME", QDir::current().dirName().toUtf8());
     const QByteArray path = QFile::encodeName(folder->path());
     qputenv("FOLDER", path);
+    qputenv("NAME", path.sliced(5));
     qputenv("TMPDIR", path);
-    qputenv("PATH", path + ":/bin:/usr/bin");
+    qputenv("PATH", path + ':' + searchPath);
+    qputenv("UNSHARE", ::geteuid() == 0 ? "unshare" : "unshare --user --map-current-user");
+    hasFoundDumpFolder = QFile::exists(dumpFolder);
+    // What a row leaves running becomes a child of this process, which sees its end as well.
+    ::prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0);
 }
 
 void TestInFolder::cleanup()
@@ -88,17 +92,9 @@ void TestInFolder::cleanup()
     // A failed row can have left programs running.
     while (::waitpid(-1, nullptr, WNOHANG) != -1)
         shell("kill -KILL $(cat /proc/$PPID/task/*/children)");
-    shell("dump_files | xargs -r rm; $CLEAN_UP");
+    shell(withDumps + "rm");
+    if (!hasFoundDumpFolder)
+        QDir().rmdir(dumpFolder);
     QDir::setCurrent(u"/"_s);
     folder.reset();
-}
-
-bool TestInFolder::lacks(const QByteArray &need)
-{
-    const QByteArray refusal = shell(need);
-    if (refusal.isEmpty())
-        return false;
-    --rows;
-    QTest::qSkip(("needs " + need + ", but: " + refusal).constData(), __FILE__, __LINE__);
-    return true;
 }

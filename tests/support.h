@@ -4,57 +4,41 @@
 
 using namespace Qt::StringLiterals;
 
-inline constexpr int patience = 60'000; // ms; reached only when something is broken
+inline constexpr int timeLimit = 60'000; // ms; reached only when something is broken
 
-/// Returns nothing for what is no regular file: a FIFO would wait for its writer.
+/// Returns nothing for what cannot be read.
 [[nodiscard]] QByteArray contentOf(const QString &path);
 
-/// Runs \a script, which can use tests/functions.sh. Returns what it prints, and then its exit
-/// status, unless that is 0.
+/// Runs \a script. Returns what it prints, and then its exit status, unless that is 0.
 QByteArray shell(const QByteArray &script);
 
-/// Makes the shell script \a name, in place of an earlier one that may still run.
-void writeProgram(const QByteArray &name, const QByteArray &script);
+/// Makes the shell script \a name.
+void writeProgram(const QString &name, const QByteArray &script);
 
-struct Outcome
-{
-    qint64 pid = 0;
-    int exitCode = 0; // as a shell counts: 128 + signal
-    QByteArray output = {}; // standard output and standard error
-};
+/// Runs \a script, for bash, in a session of its own, with \a variables besides those that the
+/// tests set, until it and all that it has started have ended. Fails the row if they do not. Their
+/// standard output goes into the file "output", their standard error into "log". Returns the exit
+/// status as a shell counts: 128 + signal.
+int runToEnd(const QByteArray &script, const QStringList &variables = {});
 
-/// Runs \a command, which begins with variables (env(1)) besides those that the tests set, until it
-/// and all that it has started have ended. Fails the row if they do not.
-Outcome runToEnd(const QByteArrayList &command);
+/// The contents of the row's dump files, in the order of their names.
+QByteArray dumps();
+
+/// Fails the row with the differences of the two texts, if there are any.
+void compare(const QByteArray &got, const QByteArray &expected);
 
 /// Each row has a folder of its own, which is the current one, the first on the search path, and
-/// the one for temporary files. Its path is in the variable FOLDER, its last component in NAME: the
-/// name of each application ends with that. So its dump files are found, and removed after the row.
+/// the one for temporary files. Its path is in the variable FOLDER, its last component in NAME. A
+/// dump file that has this name in it is the row's, and is removed after it.
 class TestInFolder : public QObject
 {
     Q_OBJECT
-
-public:
-    /// The rest of main(): in a /tmp of its own, if the system permits that, runs the rows that the
-    /// command line names, or all. Fails if that is none.
-    int runRows(int argc, char *argv[]);
 
 protected Q_SLOTS:
     void init();
     void cleanup();
 
-protected:
-    /// Skips the row where the script \a need fails or prints something. Then the row must return.
-    [[nodiscard]] bool lacks(const QByteArray &need);
-
 private:
-    int rows = 0; // that have run
     std::unique_ptr<QTemporaryDir> folder;
+    bool hasFoundDumpFolder = false;
 };
-
-/// Run by itself, a test program starts again inside tests/own-tmp.sh.
-#define TEST_MAIN(Test)                                                                            \
-    int main(int argc, char *argv[])                                                               \
-    {                                                                                              \
-        return Test().runRows(argc, argv);                                                         \
-    }
