@@ -3,10 +3,9 @@
 /// Resets the state that this process has inherited from the crashed one. Afterwards:
 ///
 /// - No signal is blocked.
-/// - SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGTSTP, SIGTTIN and SIGTTOU are still ignored where they
-///   were (signal(7)). Every other signal has its default action in the programs that are executed
-///   from here: the debugger and the restarted application. SIGPIPE and SIGXFSZ do not end this
-///   program.
+/// - In the programs that are executed from here, the debugger and the restarted application, a
+///   signal is ignored only if it was ignored on behalf of the user, for example by nohup(1). Every
+///   other signal has its default action. SIGPIPE and SIGXFSZ do not end this program.
 /// - The descriptors 0, 1 and 2 are open, on /dev/null where they were closed. All others are
 ///   closed.
 /// - No log line ends this program: QT_FATAL_WARNINGS and QT_FATAL_CRITICALS are unset.

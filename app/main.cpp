@@ -21,7 +21,7 @@ namespace {
 /// next one. For a large backtrace that takes up to half of the time.
 void keepFreedBuffers()
 {
-    constexpr int largestBuffer = 1024 * 1024; // bytes; all but the text of the whole output fit
+    constexpr int largestBuffer = 1024 * 1024; // bytes; for a chunk, not for the whole output
     constexpr int keptMemory = 4 * largestBuffer;
     mallopt(M_MMAP_THRESHOLD, largestBuffer);
     mallopt(M_TRIM_THRESHOLD, keptMemory);

@@ -1,11 +1,13 @@
 #pragma once
 
 /// Lets the stream `stderr`, to which Qt's message handler and this program write, wait for the
-/// reader of standard error for at most one second in all. When that is used up, the log ends:
-/// nothing more is written, whether the reader comes back or not. This is so for a pipe, a socket
-/// and a terminal. A pipe gets room for 1 MiB, where the system allows that, so that a large log
-/// fits in before anybody reads it. A file has no reader; on a file system that no longer answers,
-/// a write waits without a bound, because no signal ends it.
+/// reader of standard error for at most one second in all. The time that each write takes is
+/// charged to that second. When it is used up, the log ends: nothing more is written, whether the
+/// reader comes back or not. The application waits meanwhile, so a longer wait would keep the user
+/// from it.
+///
+/// This is so for a pipe, a socket and a terminal. A file has no reader; on a file system that no
+/// longer answers, a write waits without a bound, because no signal ends it.
 ///
 /// Standard error itself stays as it was inherited, with all flags: the debugger and the restarted
 /// application share it. SIGALRM calls a signal handler from here on; execve(2) resets that. The

@@ -1,7 +1,5 @@
 #include "backtrace/backtracecollector.h"
 
-#include "util/ownerumask.h"
-
 #include <QDebug>
 #include <QDir>
 #include <QProcessEnvironment>
@@ -60,14 +58,6 @@ QString debuggerDirectory()
     return isRemoved ? QDir::rootPath() : QString();
 }
 
-/// Creates the file on disk. Returns false when that fails.
-bool create(QTemporaryFile &file)
-{
-    // The owner must be able to read it, whatever the umask: gdb opens it by its name.
-    const OwnerUmask ownerUmask;
-    return file.open();
-}
-
 } // namespace
 
 class BacktraceCollectorPrivate
@@ -104,9 +94,6 @@ BacktraceCollector::~BacktraceCollector()
 void BacktraceCollector::start(qint64 pid)
 {
     qInfo() << "Starting gdb process for backtrace collection";
-    // failWithoutCommands() blocks the signals of an earlier debugger as long as that runs.
-    if (d->process.state() == QProcess::NotRunning)
-        d->process.blockSignals(false);
     const QStringList arguments{
         u"--nw"_s, // no graphical interface
         u"--nx"_s, // no initialisation files
@@ -131,7 +118,7 @@ bool BacktraceCollector::isRunning() const
 QString BacktraceCollector::createCommandFile()
 {
     d->commandFile = std::make_unique<QTemporaryFile>();
-    if (!create(*d->commandFile)) {
+    if (!d->commandFile->open()) {
         qCritical() << "Failed to create temporary command file";
         failWithoutCommands(u"Error: Could not create temporary command file."_s);
         return {};
@@ -148,8 +135,8 @@ QString BacktraceCollector::createCommandFile()
 
 void BacktraceCollector::failWithoutCommands(const QString &errorMessage)
 {
-    // The debugger is launched all the same. Its output and its end must not reach the owner, whose
-    // report ends with this error.
+    // start() goes on: its steps and their log lines are the same in every case. But the report ends
+    // with this error, so the output and the end of the debugger must not reach the owner.
     d->process.blockSignals(true);
     Q_EMIT error(errorMessage);
 }

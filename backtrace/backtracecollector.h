@@ -38,17 +38,11 @@ public:
     /// - If the working directory has been removed, the debugger starts in "/".
     ///
     /// When the command file cannot be created or written, which is logged as critical, error() is
-    /// emitted before this returns. The debugger is launched all the same, without commands, but
-    /// nothing that it does is reported. error() can also be emitted before this returns when the
-    /// system cannot create a process.
+    /// emitted before this returns, and nothing that the debugger does is reported. error() can also
+    /// be emitted before this returns when the system cannot create a process.
     ///
-    /// A full disk can go unnoticed: when the commands are lost as the file is closed, the debugger
-    /// runs without commands and succeeds, and backtrace() delivers what little it prints.
-    ///
-    /// A second call is not meant. While a debugger runs, QProcess refuses another one, but the
-    /// command file is replaced, and error() is emitted if that fails. After its end there is a
-    /// further collection, whose output is appended to that of the earlier one. It ends in error()
-    /// if the earlier debugger crashed or could not be started.
+    /// On a full disk, the commands can get lost unnoticed when the file is closed. The debugger
+    /// then succeeds without them, and backtrace() delivers what little it prints.
     void start(qint64 pid);
 
     /// Kills the debugger at once (SIGKILL), also while it is still being started. This is then
@@ -61,9 +55,8 @@ public:
     [[nodiscard]] bool isRunning() const;
 
 Q_SIGNALS:
-    /// The collection has failed, and no backtrace will come. Emitted at most once for each
-    /// start(), after the failure was logged as critical. \a errorMessage is a text for a person,
-    /// one of:
+    /// The collection has failed, and no backtrace will come. Emitted at most once, after the failure
+    /// was logged as critical. \a errorMessage is a text for a person, one of:
     ///
     /// - "Error: Could not create temporary command file."
     /// - "Error: Could not write temporary command file."
@@ -72,7 +65,7 @@ Q_SIGNALS:
     void error(const QString &errorMessage);
 
     /// The debugger has ended with exit code 0. \a backtrace is its whole output: all chunks, in
-    /// their order. Emitted at most once for each start(), after the last chunk.
+    /// their order. Emitted at most once, after the last chunk.
     void backtrace(const QString &backtrace);
 
     /// One chunk of the debugger's output: standard output and standard error together, in the

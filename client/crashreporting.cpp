@@ -32,7 +32,7 @@ struct CrashSignal
 };
 
 /// The signals of signal(7) whose default action is to dump core and that a fault of the program
-/// raises.
+/// raises. The header and the guide name them, too.
 constexpr std::array crashSignals{
     CrashSignal{SIGSEGV, "SIGSEGV"}, CrashSignal{SIGBUS, "SIGBUS"},
     CrashSignal{SIGFPE, "SIGFPE"},   CrashSignal{SIGILL, "SIGILL"},
@@ -43,13 +43,6 @@ constexpr std::array crashSignals{
 /// A copied setting. Not on the heap, which a crashing application may have damaged.
 using Text = std::array<char, PATH_MAX>;
 
-/// Lies in memory that the kernel clears in forked children.
-struct Installation
-{
-    pid_t process;
-    pid_t crashedThread; // 0 before a crash
-};
-
 /// Tells the child that its parent has permitted it to trace, which Yama may require. Any signal
 /// serves: the child has all of them blocked.
 constexpr int permissionSignal = SIGUSR1;
@@ -58,29 +51,13 @@ constexpr int permissionSignal = SIGUSR1;
 constexpr std::size_t signalSetSize = _NSIG / CHAR_BIT;
 
 // Everything that the signal handler reads is set before it is installed.
-Installation *installation;
+pid_t installedProcess;
 Text handlerPath;
 Text appName;
 long long minimumUptime; // seconds
 timespec installTime;
 
-// On 32-bit x86, the C library makes every system call through a pointer in the thread's memory.
-#ifdef __i386__
-void *systemCallEntry;
-
-void saveSystemCalls()
-{
-    asm("movl %%gs:0x10, %0" : "=r"(systemCallEntry));
-}
-
-void restoreSystemCalls()
-{
-    asm volatile("movl %0, %%gs:0x10" : : "r"(systemCallEntry));
-}
-#else
-void saveSystemCalls() { }
-void restoreSystemCalls() { }
-#endif
+pid_t crashedThread; // the first one; 0 before a crash
 
 const char *signalName(int number)
 {
@@ -91,13 +68,13 @@ const char *signalName(int number)
     return "unknown signal";
 }
 
-bool diedTooEarly()
+bool isRestartWanted()
 {
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
     // In whole seconds: in a smaller unit, a large minimum would overflow.
     const time_t borrowed = now.tv_nsec < installTime.tv_nsec ? 1 : 0;
-    return now.tv_sec - installTime.tv_sec - borrowed < minimumUptime;
+    return now.tv_sec - installTime.tv_sec - borrowed >= minimumUptime;
 }
 
 void setDefaultAction(int number)
@@ -107,7 +84,7 @@ void setDefaultAction(int number)
     sigaction(number, &action, nullptr);
 }
 
-/// Runs in the child: waits until it may trace its parent. Ends if the parent is killed.
+/// Runs in the child: waits until it may trace its parent.
 void waitForPermission(pid_t parent)
 {
     prctl(PR_SET_PDEATHSIG, SIGKILL, 0, 0, 0);
@@ -117,9 +94,9 @@ void waitForPermission(pid_t parent)
     sigset_t permissionSignals;
     sigemptyset(&permissionSignals);
     sigaddset(&permissionSignals, permissionSignal);
-    siginfo_t info = {};
-    while (info.si_pid != parent)
-        syscall(SYS_rt_sigtimedwait, &permissionSignals, &info, nullptr, signalSetSize);
+    // SIGCONT can interrupt the wait.
+    while (syscall(SYS_rt_sigtimedwait, &permissionSignals, nullptr, nullptr, signalSetSize) == -1)
+        continue;
     // It would stay set across execve(2), and a crash handler goes on when its parent is killed.
     prctl(PR_SET_PDEATHSIG, 0, 0, 0, 0);
 }
@@ -131,7 +108,7 @@ void waitForPermission(pid_t parent)
     // The crash handler needs descriptors to load its libraries, and the application may have used
     // up all of them.
     closefrom(STDERR_FILENO + 1);
-    const char *restart = diedTooEarly() ? "--disable-restart" : nullptr;
+    const char *restart = isRestartWanted() ? nullptr : "--disable-restart";
     const char *const arguments[]
         = {handlerPath.data(), signalName(signalNumber), appName.data(), restart, nullptr};
     // execv(3) takes pointers to non-const, but does not write through them.
@@ -182,8 +159,8 @@ void reportCrash(int signalNumber)
     // abort(3) then raises another signal. It must not wait then.
     const pid_t thread = threadId();
     pid_t firstThread = 0;
-    if (!__atomic_compare_exchange_n(&installation->crashedThread, &firstThread, thread, false,
-                                     __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST)) {
+    if (!__atomic_compare_exchange_n(&crashedThread, &firstThread, thread, false, __ATOMIC_SEQ_CST,
+                                     __ATOMIC_SEQ_CST)) {
         if (firstThread != thread)
             waitForever();
         return;
@@ -203,49 +180,26 @@ void reportCrash(int signalNumber)
     awaitCrashHandler(child);
 }
 
-/// The signal handler. The crash may have left any lock taken, so everything that it calls is
-/// async-signal-safe (signal-safety(7); prctl(2) and closefrom(3) are so in glibc). And it may have
-/// overwritten the thread's own memory, which lies behind the end of its stack: the C library's
-/// descriptor of the thread and its thread-local variables. So what reads them is not used here:
-/// errno, and the functions for which syscall(2) stands. When the write has reached what the kernel
-/// reads of it (rseq(2)), the kernel ends the process instead of calling this function.
+/// The signal handler.
+///
+/// The crash may have left any lock taken. So everything that is called here is async-signal-safe
+/// (signal-safety(7); prctl(2), closefrom(3) and syscall(2) are so in glibc).
+///
+/// The crash may also have overwritten the C library's descriptor of the thread and the thread's
+/// local variables, which lie behind the end of its stack. So errno is not read here, and
+/// syscall(2) stands for each function that could read that memory.
 void onCrash(int signalNumber)
 {
-    restoreSystemCalls();
-    // False in a forked child. After vfork(2) the child shares this memory but has another ID.
-    // After fork(2) in a new PID namespace it can have the same ID, but the kernel has set its copy
-    // to 0 (MADV_WIPEONFORK).
+    // In one PID namespace, a forked child has another ID, also after vfork(2), when it shares this
+    // memory.
     const pid_t process = getpid();
-    if (installation->process == process)
+    if (process == installedProcess)
         reportCrash(signalNumber);
 
     // The signal is blocked until this function returns, and then ends the process where it
     // crashed.
     setDefaultAction(signalNumber);
     syscall(SYS_tgkill, process, threadId(), signalNumber);
-}
-
-/// The size of the page below what mapMemory() returns.
-std::size_t guardSize()
-{
-    return static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
-}
-
-/// Returns memory of its own pages, or null with errno. The page below it cannot be accessed: there
-/// ends a write that runs off the end of a thread's stack, which can lie right below.
-void *mapMemory(std::size_t size)
-{
-    void *const guard
-        = mmap(nullptr, guardSize() + size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (guard == MAP_FAILED)
-        return nullptr;
-    void *const memory = static_cast<char *>(guard) + guardSize();
-    return mprotect(memory, size, PROT_READ | PROT_WRITE) == -1 ? nullptr : memory;
-}
-
-void unmapMemory(void *memory, std::size_t size)
-{
-    munmap(static_cast<char *>(memory) - guardSize(), guardSize() + size);
 }
 
 /// Enough for the signal frame with all registers of this processor, and for the few calls above.
@@ -278,8 +232,9 @@ int findProgram(const char *path, Text &found)
 struct vastel_mail_signal_stack *vastel_mail_begin_signal_stack()
 {
     const std::size_t size = signalStackSize();
-    void *const memory = mapMemory(size);
-    if (memory == nullptr)
+    void *const memory
+        = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED)
         return nullptr;
     auto *const begun = new (memory) vastel_mail_signal_stack{};
     stack_t stack = {};
@@ -294,7 +249,7 @@ void vastel_mail_end_signal_stack(struct vastel_mail_signal_stack *stack)
     if (stack == nullptr)
         return;
     sigaltstack(&stack->earlier, nullptr);
-    unmapMemory(stack, signalStackSize());
+    munmap(stack, signalStackSize());
 }
 
 int vastel_mail_install_crash_reporting(const struct vastel_mail_crash_settings *settings)
@@ -310,19 +265,13 @@ int vastel_mail_install_crash_reporting(const struct vastel_mail_crash_settings 
     if (findProgram(settings->handler_path, path) == -1)
         return -1;
 
-    void *const memory = mapMemory(sizeof(Installation));
-    if (memory == nullptr)
-        return -1;
-
-    // Nothing fails from here on. Kernels before 4.14 refuse this advice: a forked child is then
-    // recognized by its process ID only.
-    madvise(memory, sizeof(Installation), MADV_WIPEONFORK);
-    installation = new (memory) Installation{getpid(), 0};
+    // Nothing fails from here on.
+    installedProcess = getpid();
+    crashedThread = 0; // a child can have been forked while its parent was reported
     handlerPath = path;
     std::memcpy(appName.data(), settings->app_name, appNameSize);
     minimumUptime = settings->minimum_uptime;
     clock_gettime(CLOCK_MONOTONIC, &installTime);
-    saveSystemCalls();
 
     // Never ended: the main thread can crash at any moment until the process ends. Without it, only
     // a stack overflow goes unreported.

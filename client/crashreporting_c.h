@@ -40,7 +40,7 @@ struct vastel_mail_crash_settings
 /// Returns 0. Returns -1, with errno set, when crashes cannot be reported; nothing is changed then.
 /// EINVAL: the name or the path is null, or the name begins with a hyphen. ENAMETOOLONG: a text has
 /// PATH_MAX bytes or more. EACCES: the crash handler is not a file that this process may execute.
-/// All others are those of realpath(3) and mmap(2). The settings are copied.
+/// All others are those of realpath(3). The settings are copied.
 int vastel_mail_install_crash_reporting(const struct vastel_mail_crash_settings *settings);
 
 struct vastel_mail_signal_stack;

@@ -87,8 +87,7 @@ QProcessEnvironment overlaid(QProcessEnvironment environment, const QStringList 
 
 } // namespace
 
-/// The order of the fields is the order of the log lines of their constructors and, reversed, of
-/// their destructors.
+/// Do not reorder the fields: their constructors and destructors log.
 class CrashHandlerPrivate
 {
 public:
@@ -190,17 +189,9 @@ void CrashHandler::onBacktraceFinished(const QString &backtrace)
 
 void CrashHandler::markCurrentThread(const QString &backtrace)
 {
-    const QRegularExpression expression(currentThreadPattern);
-    // A match begins with a check of the whole text, which takes a tenth of the time of a large
-    // report. The answer stands in its first lines, and a match cannot go beyond a line.
-    constexpr qsizetype firstLines = 65'536; // characters; the last line ends behind them
-    QRegularExpressionMatch match
-        = expression.match(backtrace.left(backtrace.indexOf(u'\n', firstLines)));
-    if (!match.hasMatch())
-        match = expression.match(backtrace);
-    if (!match.hasMatch())
-        return;
-    d->dumpFile.writeMessage(u"text to select is [Thread %1]"_s.arg(match.captured(1)));
+    const QRegularExpressionMatch match = QRegularExpression(currentThreadPattern).match(backtrace);
+    if (match.hasMatch())
+        d->dumpFile.writeMessage(u"text to select is [Thread %1]"_s.arg(match.captured(1)));
 }
 
 void CrashHandler::restartApplication()

@@ -18,8 +18,8 @@ class CrashHandlerPrivate;
 /// still runs then is killed.
 ///
 /// Steps are logged through logCrashHandler, unless stated otherwise. No operation waits for the
-/// debugger or for the restarted application. Only the destructor waits, for the end of a debugger
-/// that it has killed.
+/// end of the restarted application or of the debugger, but for the destructor: it waits for the
+/// end of a debugger that it has killed.
 class CrashHandler : public QObject
 {
     Q_OBJECT
@@ -74,7 +74,7 @@ public Q_SLOTS:
     /// crashed process.
     ///
     /// Does not end the event loop. After an aborted collection, the caller has to end it. Nothing
-    /// in this program calls it: it serves code that uses the meta-object.
+    /// in this program calls it: it is promised to code that uses the meta-object.
     void debugApplication();
 
 private:

@@ -2,11 +2,12 @@
 
 #include "util/files.h"
 #include "util/logging.h"
-#include "util/ownerumask.h"
 #include "util/systeminformation.h"
 
 #include <QDir>
 #include <QSysInfo>
+
+#include <sys/stat.h>
 
 using namespace Qt::StringLiterals;
 
@@ -15,14 +16,22 @@ namespace {
 const QString defaultDumpDirectory = u"/tmp/vastel-mail"_s;
 const QString dumpFileSuffix = u".dump"_s;
 
+/// Creates a folder and its missing parents, writable for neither group nor others: they could
+/// delete the reports of its owner.
+bool createDirectory(const QString &directory)
+{
+    const mode_t inherited = ::umask(0);
+    ::umask(inherited | S_IWGRP | S_IWOTH);
+    const bool isCreated = QDir().mkpath(directory);
+    ::umask(inherited); // for the restarted application
+    return isCreated;
+}
+
 /// Returns a folder for the dump file. See the constructor of DumpFile.
 QString ensuredDirectory(const QString &dumpDirectory)
 {
     const QString directory = dumpDirectory.isEmpty() ? defaultDumpDirectory : dumpDirectory;
-    // In a folder that its owner cannot enter, this report and all later ones would be lost. In one
-    // that everybody can write to, anybody could delete them.
-    const OwnerUmask ownerUmask;
-    if (QDir().exists(directory) || QDir().mkpath(directory))
+    if (QDir().exists(directory) || createDirectory(directory))
         return directory;
 
     qCCritical(logCrashHandler) << "Failed to create dump directory:" << directory;
@@ -62,6 +71,16 @@ DumpFile::~DumpFile()
     qCDebug(logCrashHandler) << "Destroying dump file handler";
 }
 
+/// Where both system files end in a line feed, the header is:
+///
+///     Mail has closed unexpectedly (Signal "SIGSEGV")
+///     please file a bug report with the debug information provided below.
+///     Mail, based on Qt 6.8.0 (64 bit)
+///     (an empty line)
+///     DISTRIB_ID=...
+///     (an empty line)
+///     Linux version ...
+///     (an empty line)
 void DumpFile::writeHeaders(const QString &appName, const QString &signalName)
 {
     // One call of arg() for each text: a "%2" inside a name must not become a placeholder itself.
@@ -75,9 +94,7 @@ void DumpFile::writeHeaders(const QString &appName, const QString &signalName)
     headers.append(kernelVersionInfo());
     qCInfo(logCrashHandler) << "Writing headers to dump file";
 
-    // Each element ends in a line feed here. Those that have one of their own, the build line and
-    // usually the two system texts, are followed by an empty line. The result is ignored: a report
-    // without its header is still worth having.
+    // The result is ignored: a report without its header is still worth having.
     writeMessage(headers.join(u'\n') + u'\n');
 }
 

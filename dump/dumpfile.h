@@ -26,12 +26,12 @@ public:
     /// the file.
     ///
     /// \a appName and \a signalName are written into the header unchanged. \a dumpDirectory is the
-    /// folder, "/tmp/vastel-mail" when it is empty. It is created together with its missing
-    /// parents: whatever the umask, the owner can use it and nobody else can write to it. If that
-    /// fails, it is logged as critical and as warning, and the file goes to QDir::tempPath(). With
-    /// Qt 6.4 that is "/" if TMPDIR names a missing folder. Anything that exists at the folder's
-    /// path is taken for the folder: a symbolic link is followed, and if it is a file, every write
-    /// fails. A header that cannot be written is logged and lost.
+    /// folder; empty, as in this program, for "/tmp/vastel-mail". It is created together with its
+    /// missing parents, and whatever the umask, it is writable for neither group nor others. If it
+    /// cannot be created, that is logged as critical and as warning, and the file goes to
+    /// QDir::tempPath(). Anything that exists at the folder's path is taken for the folder: a
+    /// symbolic link is followed, and if it is a file, every write fails. A header that cannot be
+    /// written is logged and lost.
     DumpFile(const QString &appName, const QString &signalName, const QString &dumpDirectory,
              QObject *parent = nullptr);
     ~DumpFile() override;

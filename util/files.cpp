@@ -1,7 +1,6 @@
 #include "util/files.h"
 
 #include "util/logging.h"
-#include "util/ownerumask.h"
 
 #include <QFile>
 
@@ -30,25 +29,22 @@ QByteArray readWholeFile(const QString &path, QIODevice::OpenMode mode)
 }
 
 /// Opens the file at \a path for appending, or creates it for its owner alone. Returns the
-/// descriptor, or -1. Does not follow a symbolic link, and does not wait for the reader of a FIFO.
+/// descriptor, or -1. Does not follow a symbolic link.
 int openPrivately(const QString &path)
 {
-    constexpr int flags
-        = O_RDWR | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
-    const OwnerUmask ownerUmask;
+    // O_NONBLOCK: another user's lease on a planted file would delay the opening (fcntl(2)).
+    constexpr int flags = O_RDWR | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
     return ::open(QFile::encodeName(path).constData(), flags, S_IRUSR | S_IWUSR);
 }
 
-/// True for what no other user can have planted: a regular file that the user owns and that has a
-/// single name, or a character device such as /dev/null, which only root can create (mknod(2)).
+/// True for a regular file that the user owns and that has a single name. Anything else could have
+/// been planted there by another user.
 bool isTrustworthy(int descriptor)
 {
     struct stat status = {};
     // When this fails, the type stays 0, which is refused.
     ::fstat(descriptor, &status);
-    const bool isOwnFile
-        = S_ISREG(status.st_mode) && status.st_uid == ::geteuid() && status.st_nlink <= 1;
-    return isOwnFile || S_ISCHR(status.st_mode);
+    return S_ISREG(status.st_mode) && status.st_uid == ::geteuid() && status.st_nlink <= 1;
 }
 
 /// Other users know the folder of the dump files and can foresee their names. So the check is made

@@ -21,13 +21,12 @@
 /// Appends \a data to the file at \a path with one write, in text mode, which changes nothing on
 /// Linux. Never truncates.
 ///
-/// Creates a missing file with mode 0600, whatever the umask, so that only its owner can read and
-/// write it. Does not create the folder.
+/// Creates a missing file with mode 0600, so that only its owner can read and write it. Does not
+/// create the folder.
 ///
-/// Writes only to what no other user can have planted: a regular file that the process's effective
-/// user owns and that has a single name, or a character device. A symbolic link as the last
-/// component of the path, a FIFO, a hard link or a file of another user counts as a file that
-/// cannot be opened. It is not changed, and opening it does not wait.
+/// Writes only to a regular file that the process's effective user owns and that has a single name.
+/// A symbolic link as the last component of the path, a FIFO, a hard link or a file of another user
+/// counts as a file that cannot be opened. It is not changed, and opening it does not wait.
 ///
 /// Returns true when the file was opened and the write did not report -1. A short write counts as
 /// success. So does data that is lost when the file is closed, which is not logged. Returns false

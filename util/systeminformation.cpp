@@ -9,6 +9,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
+// Many systems, Debian among them, do not have it by default. Their reports leave the place empty.
 const QString lsbReleaseFilePath = u"/etc/lsb-release"_s;
 const QString procVersionFilePath = u"/proc/version"_s;
 const QString timestampFormat = u"yyyyMMdd_hhmmsszzz"_s;
