@@ -10,6 +10,7 @@
 #include <cstdlib>
 
 #include <malloc.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 
 using namespace Qt::StringLiterals;
@@ -66,6 +67,9 @@ int main(int argc, char *argv[])
 
     // The application starts this program as its child, so the crashed process is the parent.
     const qint64 pid = ::getppid();
+    // Until here this program had to end with its parent: the next parent of an orphan would be
+    // taken for the crashed process. From here on it goes on with the report (prctl(2)).
+    ::prctl(PR_SET_PDEATHSIG, 0);
     qInfo() << "Parent process ID:" << pid;
     const QString &signalName = positionalArguments.at(0);
     const QString &appName = positionalArguments.at(1);

@@ -87,8 +87,10 @@ void setDefaultAction(int number)
 /// Runs in the child: waits until it may trace its parent.
 void waitForPermission(pid_t parent)
 {
+    // Without its parent, getppid(2) names another process, which must not be traced and started
+    // again. So the child ends with its parent. This stays so across execve(2), until the crash
+    // handler has read its parent's ID.
     prctl(PR_SET_PDEATHSIG, SIGKILL, 0, 0, 0);
-    // If the parent is gone already, getppid(2) names another process, which must not be traced.
     if (getppid() != parent)
         _exit(EXIT_FAILURE);
     sigset_t permissionSignals;
@@ -97,8 +99,6 @@ void waitForPermission(pid_t parent)
     // SIGCONT can interrupt the wait.
     while (syscall(SYS_rt_sigtimedwait, &permissionSignals, nullptr, nullptr, signalSetSize) == -1)
         continue;
-    // It would stay set across execve(2), and a crash handler goes on when its parent is killed.
-    prctl(PR_SET_PDEATHSIG, 0, 0, 0, 0);
 }
 
 /// Runs in the child.

@@ -91,6 +91,13 @@ private Q_SLOTS:
         row("Process 1 ends after its crash is reported",
             {.start = "$UNSHARE --pid --fork crash 6", .needs = "$UNSHARE --pid --fork true"});
 
+        row("When the application ends while its crash handler starts, no other one is traced",
+            {.start = R"(echo '#!/bin/sh
+                    kill -KILL $PPID; while grep -q PPid:.$PPID$ /proc/$$/status; do :; done
+                    exec "$BUILD/crash-handler" "$@"' > x; chmod +x x; HANDLER=./x exec crash)",
+             .debugger = "exit 1",
+             .reports = 0,
+             .exitCode = 128 + SIGKILL});
         row("When the application is killed while it is reported, the crash handler goes on",
             {.debugger
              = "kill -KILL $7; while grep -q PPid:.$7$ /proc/$PPID/status; do :; done;" + standIn,
