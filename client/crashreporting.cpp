@@ -58,6 +58,7 @@ long long minimumUptime; // seconds
 timespec installTime;
 
 pid_t crashedThread; // the first one; 0 before a crash
+bool isRestartDisabled;
 
 const char *signalName(int number)
 {
@@ -70,6 +71,8 @@ const char *signalName(int number)
 
 bool isRestartWanted()
 {
+    if (__atomic_load_n(&isRestartDisabled, __ATOMIC_SEQ_CST))
+        return false;
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
     // In whole seconds: in a smaller unit, a large minimum would overflow.
@@ -250,6 +253,11 @@ void vastel_mail_end_signal_stack(struct vastel_mail_signal_stack *stack)
         return;
     sigaltstack(&stack->earlier, nullptr);
     munmap(stack, signalStackSize());
+}
+
+void vastel_mail_disable_restart()
+{
+    __atomic_store_n(&isRestartDisabled, true, __ATOMIC_SEQ_CST);
 }
 
 int vastel_mail_install_crash_reporting(const struct vastel_mail_crash_settings *settings)

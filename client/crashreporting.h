@@ -26,6 +26,12 @@ struct Settings
     return vastel_mail_install_crash_reporting(&plain) == 0;
 }
 
+/// Calls vastel_mail_disable_restart().
+inline void disableRestart()
+{
+    vastel_mail_disable_restart();
+}
+
 /// While it exists, its thread has a signal stack. Let every thread but the main one hold one from
 /// its first statement to its last.
 class AlternateSignalStack

@@ -19,7 +19,7 @@ struct vastel_mail_crash_settings
     /// The path of the crash handler.
     const char *handler_path;
     /// Seconds; 10 by default. An application that crashes earlier than this after the installation
-    /// is not started again: a crash at every start must not become an endless loop of crashes.
+    /// is not started again. A later crash is followed by a restart as often as it happens.
     long long minimum_uptime;
 };
 
@@ -42,6 +42,13 @@ struct vastel_mail_crash_settings
 /// PATH_MAX bytes or more. EACCES: the crash handler is not a file that this process may execute.
 /// All others are those of realpath(3). The settings are copied.
 int vastel_mail_install_crash_reporting(const struct vastel_mail_crash_settings *settings);
+
+/// From here on the application is not started again after a crash, which is still reported. Call
+/// it when the user quits: a crash on the way out must not bring the application back.
+///
+/// Nothing undoes it. Any thread can call it, at any time, also before the installation and in a
+/// signal handler. A forked child inherits it.
+void vastel_mail_disable_restart(void);
 
 struct vastel_mail_signal_stack;
 

@@ -54,6 +54,8 @@ int main(int argc, char *argv[])
         const int *volatile message = nullptr; // volatile hides the null from the compiler
         std::cout << sizeOfMessage(message) << " bytes\n"; // compilers drop a read without a use
     }
+    // The user has quit: a crash from here on must not bring the application back.
+    crashreporting::disableRestart();
     endOfSession.set_value();
     fetcher.join();
     std::remove(sessionFile.c_str());

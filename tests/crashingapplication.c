@@ -40,6 +40,8 @@ static void *crash(void *thread)
 {
     if (thread != NULL)
         vastel_mail_begin_signal_stack();
+    if (is("quits"))
+        vastel_mail_disable_restart();
     if (is("child") && fork() != 0) // both crash
         wait(NULL);
     if (is("fork-handler"))

@@ -66,6 +66,8 @@ private Q_SLOTS:
         }
         row("After the minimum uptime, the application comes back",
             {.start = "UPTIME=0 crash", .output = "back\n"});
+        row("When the user has quit, the application does not come back",
+            {.start = "UPTIME=0 crash quits"});
 
         row("Signals that are blocked at the start do not keep a crash from being reported",
             {.start = "env --block-signal crash"});
