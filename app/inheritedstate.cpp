@@ -52,7 +52,8 @@ void resetSignalActions()
 }
 
 /// A signal handler blocks at least its own signal, and a child keeps the signal mask across
-/// execve(2). A fault whose signal is blocked ends a process without calling its signal handler.
+/// execve(2). A fault whose signal is blocked ends a process without calling its signal handler: the
+/// next crash of the restarted application would not be reported.
 void unblockSignals()
 {
     sigset_t none;

@@ -19,10 +19,10 @@ namespace {
 
 /// Each chunk of the debugger's output passes through a few large buffers. By default the allocator
 /// returns them to the system after each chunk, and the system clears their pages again for the
-/// next one. For a large backtrace that takes up to half of the time.
+/// next one. With a large backtrace, that takes up to half of this program's own time.
 void keepFreedBuffers()
 {
-    constexpr int largestBuffer = 1024 * 1024; // bytes; for a chunk, not for the whole output
+    constexpr int largestBuffer = 1024 * 1024; // bytes; more than a chunk needs
     constexpr int keptMemory = 4 * largestBuffer;
     mallopt(M_MMAP_THRESHOLD, largestBuffer);
     mallopt(M_TRIM_THRESHOLD, keptMemory);
@@ -67,8 +67,9 @@ int main(int argc, char *argv[])
 
     // The application starts this program as its child, so the crashed process is the parent.
     const qint64 pid = ::getppid();
-    // Until here this program had to end with its parent: the next parent of an orphan would be
-    // taken for the crashed process. From here on it goes on with the report (prctl(2)).
+    // Until here this program ends with its parent, by the death signal that the library sets: the
+    // next parent of an orphan would be taken for the crashed process. From here on it goes on with
+    // the report (prctl(2)).
     ::prctl(PR_SET_PDEATHSIG, 0);
     qInfo() << "Parent process ID:" << pid;
     const QString &signalName = positionalArguments.at(0);

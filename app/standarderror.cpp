@@ -62,8 +62,8 @@ void boundWaitsOfStandardError()
     std::FILE *stream = ::fopencookie(nullptr, "w", {nullptr, writePatiently, nullptr, nullptr});
     if (stream == nullptr)
         return;
-    // Line-buffered: what a library says before it aborts must not stay in a buffer, and to a
-    // stream without one, newer versions of glibc write each text in many pieces.
+    // Line-buffered: what a library says before it aborts must not stay in a buffer, and to an
+    // unbuffered stream, newer versions of glibc write each text in many pieces.
     std::setvbuf(stream, nullptr, _IOLBF, BUFSIZ);
     // Without SA_RESTART, so that the signal ends a write that waits.
     struct sigaction action = {};

@@ -10,8 +10,8 @@
 /// longer answers, a write waits without a bound, because no signal ends it.
 ///
 /// Standard error itself stays as it was inherited, with all flags: the debugger and the restarted
-/// application share it. SIGALRM calls a signal handler from here on; execve(2) resets that. The
-/// stream is line-buffered.
+/// application share it. The stream is line-buffered. From here on, the timer ITIMER_REAL and
+/// SIGALRM are in use; the programs that are executed from here inherit neither.
 ///
 /// Call it once, before the first text, and after all signals have got their actions. It logs
 /// nothing. When it fails, for want of memory, the stream stays as it is.

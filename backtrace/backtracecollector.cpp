@@ -5,10 +5,6 @@
 #include <QProcessEnvironment>
 #include <QTemporaryFile>
 
-#include <cstdlib>
-
-#include <unistd.h>
-
 using namespace Qt::StringLiterals;
 
 namespace {
@@ -52,10 +48,7 @@ QProcessEnvironment debuggerEnvironment(QProcessEnvironment inherited)
 /// that has been removed, gdb 13 would crash at its start.
 QString debuggerDirectory()
 {
-    char *const inherited = ::getcwd(nullptr, 0);
-    const bool isRemoved = inherited == nullptr;
-    std::free(inherited);
-    return isRemoved ? QDir::rootPath() : QString();
+    return QDir::currentPath().isEmpty() ? QDir::rootPath() : QString();
 }
 
 } // namespace

@@ -50,8 +50,8 @@ public:
     /// debugger it only logs.
     void kill();
 
-    /// True while the debugger runs, even if nothing that it does is reported. False while it is
-    /// being started and after its end.
+    /// True while the debugger runs, also after error(). False while it is being started and after
+    /// its end.
     [[nodiscard]] bool isRunning() const;
 
 Q_SIGNALS:

@@ -27,7 +27,8 @@ static double seconds(const timeval &time)
     return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
 }
 
-/// Returns \a earlier when the process has ended.
+/// Without the process's children, which are part of ru_maxrss. Returns \a earlier when the process
+/// has ended.
 static long peakMemory(pid_t process, long earlier)
 {
     std::ifstream status("/proc/" + std::to_string(process) + "/status");

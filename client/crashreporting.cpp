@@ -47,7 +47,8 @@ using Text = std::array<char, PATH_MAX>;
 /// serves: the child has all of them blocked.
 constexpr int permissionSignal = SIGUSR1;
 
-/// The size of a set of signals in the kernel, in bytes. In sigset_t, the rest is unused.
+/// The size of a set of signals in the kernel, in bytes: _NSIG is 65, and 128 on MIPS. In sigset_t,
+/// the rest is unused.
 constexpr std::size_t signalSetSize = _NSIG / CHAR_BIT;
 
 // Everything that the signal handler reads is set before it is installed.
@@ -124,7 +125,7 @@ void waitForPermission(pid_t parent)
     _exit(EXIT_FAILURE);
 }
 
-/// The ID of the calling thread. gettid() is free to keep it in the thread's memory.
+/// The ID of the calling thread. gettid() may read it from the thread's memory.
 pid_t threadId()
 {
     return static_cast<pid_t>(syscall(SYS_gettid));
@@ -288,8 +289,9 @@ int vastel_mail_install_crash_reporting(const struct vastel_mail_crash_settings 
     struct sigaction action = {};
     action.sa_handler = onCrash;
     action.sa_flags = SA_ONSTACK;
-    // Nothing else of the application is to run on the crashed thread any more. sigfillset(3) would
-    // leave out the signal by which a thread is cancelled: the process would live on.
+    // All signals: nothing else of the application is to run on the crashed thread any more, and the
+    // child, which inherits the mask, waits for permissionSignal. sigfillset(3) would leave out the
+    // signal by which a thread is cancelled: the thread would end, and the process live on.
     std::memset(&action.sa_mask, 0xff, sizeof action.sa_mask);
     // A fault whose signal is blocked would end the process unreported.
     sigset_t unblocked;

@@ -18,8 +18,8 @@ struct vastel_mail_crash_settings
     const char *app_name;
     /// The path of the crash handler.
     const char *handler_path;
-    /// Seconds; 10 by default. An application that crashes earlier than this after the installation
-    /// is not started again. A later crash is followed by a restart as often as it happens.
+    /// Seconds since vastel_mail_install_crash_reporting(); 10 by default. After an earlier crash the
+    /// application is not started again, after a later one it is, as often as it crashes.
     long long minimum_uptime;
 };
 
@@ -46,13 +46,13 @@ int vastel_mail_install_crash_reporting(const struct vastel_mail_crash_settings 
 /// From here on the application is not started again after a crash, which is still reported. Call
 /// it when the user quits: a crash on the way out must not bring the application back.
 ///
-/// Nothing undoes it. Any thread can call it, at any time, also before the installation and in a
-/// signal handler. A forked child inherits it.
+/// Nothing undoes it. Any thread can call it, at any time, also in a signal handler and before
+/// vastel_mail_install_crash_reporting(). A forked child inherits it.
 void vastel_mail_disable_restart(void);
 
 struct vastel_mail_signal_stack;
 
-/// Gives the calling thread a stack on which its stack overflow can be handled. The installation
+/// Gives the calling thread a stack on which its stack overflow can be handled. vastel_mail_install_crash_reporting()
 /// does so for the main thread. Call it in every further thread, first thing in its function.
 ///
 /// Returns null, with errno set by mmap(2), when there is no memory: only a stack overflow of this

@@ -139,14 +139,14 @@ bool CrashHandler::collectRestartInfo()
         qCWarning(logCrashHandler) << "Unexpected format in file: " << commandLinePath;
         return false;
     }
-    // After the last NUL there is nothing, or an argument that was cut off. A part of an argument
-    // could mean something else, a file for example.
+    // A process can overwrite its command line. What then stands behind the last NUL can be a part
+    // of an argument, and could mean something else, a file for example.
     arguments.removeLast();
     appendLatin1(d->restartCommandLine, arguments);
 
     qCInfo(logCrashHandler) << "Collecting environment variables from:" << processDirectory;
     QByteArrayList variables = readBinaryFile(processDirectory + u"/environ"_s).split('\0');
-    // A variable that was cut off is kept: the application may not start without it.
+    // A part of a variable is kept: the application may not start without it.
     if (variables.constLast().isEmpty())
         variables.removeLast();
     appendLatin1(d->restartEnvironment, variables);
@@ -207,8 +207,8 @@ void CrashHandler::debugApplication()
         d->collector.disconnect();
         d->collector.kill();
         d->dumpFile.writeMessage(tr("\n\nCollecting backtrace aborted by user."));
-        // A debugger that has ended by now is reaped here: the caller may never run the event loop
-        // again.
+        // A killed debugger that has ended by now is reaped here: the caller may never run the
+        // event loop again.
         QCoreApplication::processEvents();
     }
     startApplication({d->restartCommandLine.value(0), u"-debug"_s, QString::number(d->pid)},

@@ -48,8 +48,8 @@ public Q_SLOTS:
     /// Appends \a chunk to the dump file, unchanged.
     void onBacktraceChunk(const QString &chunk);
 
-    /// Reports that the collection is complete: appends the marker of the current thread to the
-    /// dump file, starts the application again, and ends the event loop. \a backtrace is the whole
+    /// Reports that the collection is complete: appends the marker of the current thread, for
+    /// example "text to select is [Thread 1]", to the dump file, starts the application again, and ends the event loop. \a backtrace is the whole
     /// output; its chunks have been appended before.
     void onBacktraceFinished(const QString &backtrace);
 

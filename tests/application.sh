@@ -1,6 +1,6 @@
 #!/bin/sh
 # The application of tst_program: records what it was started with, and starts the crash handler. Its arguments are
-# part of the record, so variables say what it does:
+# those of a row, so variables say what it does:
 #   FOLDER         where it records its runs: run-0, run-1, ...
 #   CRASHES        how often it crashes; the next run ends at once
 #   START_HANDLER  how it starts the crash handler, whose command line is "$@"
@@ -16,7 +16,7 @@ echo $$ > "$FOLDER/pid-$run"
     readlink "/proc/$$/cwd"
     cat /proc/self/limits
     cut -d ' ' -f 6 "/proc/$$/stat" >> "$FOLDER/sessions"
-    uniq -d "$FOLDER/sessions" # nothing: each run has a session of its own
+    uniq -d "$FOLDER/sessions" | sed 's/^/in the session of an earlier run: /'
 } > "$FOLDER/run-$run"
 [ "$run" -lt "$CRASHES" ] || exit 0
 # Percent signs, and letters that are not ASCII, must come through unchanged.

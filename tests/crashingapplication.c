@@ -53,7 +53,7 @@ static void *crash(void *thread)
     // Behind the end of its stack lies the C library's own memory of a thread. Anything but zeros
     // there can make the kernel end the process (rseq(2)).
     char line[1];
-    for (char *volatile end = line; is("endless-write"); ++end)
+    for (char *volatile end = line; is("endless-zeros"); ++end)
         *end = 0;
     if (is("overflow"))
         countNestedReplies(0);
@@ -73,7 +73,7 @@ int main(int argc, char *argv[])
     if (vastel_mail_install_crash_reporting(&settings) == -1)
         perror("crashes will not be reported");
     memset(name, 0, sizeof name);
-    if (symlink("crash", "crashed") == -1)
+    if (symlink("crash", "crashed") == -1) // left behind by an earlier run
         return puts("back") < 0;
     if (argc > 1)
         way = argv[1];

@@ -3,7 +3,7 @@
 #
 # Runs a test program in a /tmp of its own, without reports of other users. Where the system refuses that, the program
 # has the machine's /tmp. In both, no variables and signals of the user reach it, and there are no core dumps. SOURCE
-# and BUILD are the project's folders for it, and TZ is no zone of anybody.
+# and BUILD are the project's folders for it. In TZ, the local time is never the universal one.
 #
 # shellcheck disable=SC2086,SC3045 # several words; Debian's sh has the option
 ulimit -c 0
@@ -14,6 +14,7 @@ BUILD=$(cd "$(dirname "$1")/.." && pwd)
 own=
 [ "$(id -u)" -eq 0 ] || own="--user --map-current-user --keep-caps"
 if [ -z "$INSIDE" ]; then
+    # The first one shows whether the system lets it.
     unshare $own --mount mount -t tmpfs tmpfs /tmp && INSIDE=yes exec unshare $own --mount "$0" "$@"
 else
     # The new /tmp covers folders below it. Their descriptors still reach them, so they are put back there.

@@ -47,6 +47,7 @@ int runToEnd(const QByteArray &script, const QStringList &variables)
     process.setStandardOutputFile(u"output"_s);
     process.setStandardErrorFile(u"log"_s);
     process.setEnvironment(QProcess::systemEnvironment() + variables);
+    // dash(1) would drop variables with names that are no identifiers.
     process.start(u"setsid"_s, {u"bash"_s, u"-c"_s, QString::fromUtf8(script)});
     const auto hasEnded = [&process] {
         return process.state() == QProcess::NotRunning && ::waitpid(-1, nullptr, WNOHANG) == -1;
@@ -82,7 +83,7 @@ void TestInFolder::init()
     qputenv("TMPDIR", path);
     qputenv("PATH", path + ':' + searchPath);
     qputenv("UNSHARE", ::geteuid() == 0 ? "unshare" : "unshare --user --map-current-user");
-    hasFoundDumpFolder = QFile::exists(dumpFolder);
+    hadDumpFolder = QFile::exists(dumpFolder);
     // What a row leaves running becomes a child of this process, which sees its end as well.
     ::prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0);
 }
@@ -93,7 +94,7 @@ void TestInFolder::cleanup()
     while (::waitpid(-1, nullptr, WNOHANG) != -1)
         shell("kill -KILL $(cat /proc/$PPID/task/*/children)");
     shell(withDumps + "rm");
-    if (!hasFoundDumpFolder)
+    if (!hadDumpFolder)
         QDir().rmdir(dumpFolder);
     QDir::setCurrent(u"/"_s);
     folder.reset();

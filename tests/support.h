@@ -40,5 +40,5 @@ protected Q_SLOTS:
 
 private:
     std::unique_ptr<QTemporaryDir> folder;
-    bool hasFoundDumpFolder = false;
+    bool hadDumpFolder = false;
 };

@@ -15,11 +15,13 @@ const QByteArray header = "Pöst%2b%1-$NAME has closed unexpectedly (Signal \"SI
 const QByteArray ordinaryDebugger = R"(printf 'kept\n[Current thread is 1 (x)]\n' >&2)";
 const QByteArray ordinaryText = "kept\n[Current thread is 1 (x)]\ntext to select is [Thread 1]";
 
-/// What is different from an ordinary run, and what it leaves behind.
+/// What is different from an ordinary run, and what it leaves behind. In raw strings, the quotes must
+/// balance: moc(1) takes them for ordinary ones.
 struct Row
 {
     QByteArray needs = {}; // skipped where this script fails or prints something
-    QByteArray debugger = ordinaryDebugger; // the stand-in for gdb, a shell script; null for none
+    // The stand-in for gdb, a shell script. $5 is the file of commands, $7 the process ID.
+    QByteArray debugger = ordinaryDebugger; // null for none
     QByteArray start = R"(exec "$FOLDER/mail" ü)"; // how the shell starts the application
     QByteArray startHandler = R"("$@")"; // how the application starts the crash handler
     QStringList variables = {};
@@ -67,8 +69,9 @@ private Q_SLOTS:
         QByteArray expected = contentOf(qEnvironmentVariable("SOURCE") + u"/tests/ordinary.log"_s);
         expected = filledIn(expected.replace("$STAMP", stamp.toUtf8()));
         expected.replace("$SIZE", QByteArray::number(filledIn(header).size()));
-        // The order of the variables is the shell's, and many distributions have no lsb-release.
-        shell("sed -E -i 's/(environment: QList).*[^\"]\"[)]$/\\1/' log");
+        // The order of the variables, of which none is empty, is the shell's. Many distributions
+        // have no lsb-release.
+        shell(R"(sed -E -i 's/(environment: QList).*[^\x22]\x22[)]$/\1/' log)"); // \x22: a quote
         shell("sed -E -i '/(Success|Fail|Could).*lsb-release/d' log");
         compare(contentOf(u"log"_s), expected);
     }
@@ -87,7 +90,8 @@ exit status 1
 )"});
 
         // The debugger.
-        row("The debugger gets its commands in a file, and the crashed process, in its folder",
+        row("The debugger gets the file of commands and the process ID, in the application's "
+            "folder",
             {.debugger = R"(echo "$@" | sed 's/[.]......//'; cat "$5"; stat -c %a "$5"; pwd -P)",
              .start = R"(cd /proc; exec "$FOLDER/mail" ü)",
              .report = header
@@ -111,7 +115,7 @@ exit status 1
                     "QProcess: " + missing.errorString().toUtf8()));
         row("A debugger without its commands is not waited for",
             failing({.debugger = "exec sleep 1000",
-                     .variables = {u"TMPDIR=/proc"_s, u"QT_FATAL_CRITICALS=1"_s}},
+                     .variables = {u"TMPDIR=/proc"_s, u"QT_FATAL_CRITICALS=1"_s}}, // it logs some
                     "critical Failed to create temporary command file",
                     "Error: Could not create temporary command file."));
         row("The report is kept when the crash handler is killed",
@@ -128,14 +132,15 @@ exit status 1
                    "text to select is [Thread 12]"});
 
         // Its surroundings.
-        row("When the folder is gone, only the debugger starts in another one",
+        row("When the working directory is gone, only the debugger starts in another one",
             {.debugger = "pwd -P",
              .start = R"(mkdir gone; cd gone; rmdir ../gone; exec "$FOLDER/mail" ü)",
              .report = header + "/\n"});
         row("Variables that would stop the debugger reach the application only",
             {.debugger = "env | grep -E 'PYTHON|LD_|DEBUGINFOD|LANGUAGE|LC_|GDBHIST' | sort",
-             .variables = {u"PYTHONHOME=/nowhere"_s, u"LD_LIBRARY_PATH=/nowhere"_s,
-                           u"DEBUGINFOD_URLS=x"_s, u"LANGUAGE=de"_s, u"MY_PYTHON_LD_=kept"_s},
+             .variables
+             = {u"PYTHONHOME=/nowhere"_s, u"LD_LIBRARY_PATH=/nowhere"_s, u"DEBUGINFOD_URLS=x"_s,
+                u"LANGUAGE=de"_s, u"LC_ALL=C"_s, u"MY_PYTHON_LD_=kept"_s},
              .report = header + "GDBHISTFILE=/dev/null\nLC_ALL=C.UTF-8\nMY_PYTHON_LD_=kept\n"});
         // The last descriptor is that of ls(1).
         row("Of signals and descriptors, only what is ignored for the user is inherited",
@@ -146,23 +151,25 @@ exit status 1
                  + "HUP():IGNORE\nINT():IGNORE\nQUIT():IGNORE\nTERM():IGNORE\nTSTP():IGNORE\n"
                    "TTIN():IGNORE\nTTOU():IGNORE\n0\n1\n2\n3\n"});
         // The crash handler's parent, a shell, is process 1 of the inner namespace. Its /proc is
-        // that of the outer one, whose process 1 is the application.
+        // that of the outer one, whose process 1 is the application. The shell waits for all that
+        // is in its namespace.
         row("Where /proc is that of another namespace of processes, nothing is started",
             {.needs = "$UNSHARE --pid --fork --mount-proc true",
              .start = R"(exec $UNSHARE --pid --fork --mount-proc "$FOLDER/mail" ü)",
-             .startHandler = R"($UNSHARE --pid --fork sh -c '"$@"; exit $?' sh "$@")",
+             .startHandler
+             = R"($UNSHARE --pid --fork bash -c '"$@"; while kill -0 -1; do :; done' sh "$@")",
              .variables = {u"LSAN_OPTIONS=detect_leaks=0"_s}, // it needs its own /proc
              .isBack = false,
              .log = "\norg.vastel.mail.crashhandler warning Unable to restart\n"});
         row("A header that cannot be written is lost, and only the header",
-            {.debugger = "prlimit --fsize=unlimited: --pid $PPID; echo $NAME",
+            {.debugger = "prlimit --fsize=unlimited: --pid $PPID; echo $NAME", // to be found
              .startHandler = R"((ulimit -S -f 0; exec "$@"))",
              .report = "$NAME\n"});
 
         // The restart.
         row("A disabled restart does not take place",
             {.startHandler = R"("$@" --disable-restart)",
-             .variables = {u"QT_FATAL_WARNINGS=1"_s}, // of which it logs one
+             .variables = {u"QT_FATAL_WARNINGS=1"_s}, // it logs one
              .isBack = false,
              .log = "\ninfo Application restart disabled\n"});
         row("Arguments and variables are the same after a chain of crashes",
