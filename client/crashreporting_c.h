@@ -52,8 +52,9 @@ void vastel_mail_disable_restart(void);
 
 struct vastel_mail_signal_stack;
 
-/// Gives the calling thread a stack on which its stack overflow can be handled. vastel_mail_install_crash_reporting()
-/// does so for the main thread. Call it in every further thread, first thing in its function.
+/// Gives the calling thread a stack on which its stack overflow can be handled.
+/// vastel_mail_install_crash_reporting() does so for the main thread. Call it in every further
+/// thread, first thing in its function.
 ///
 /// Returns null, with errno set by mmap(2), when there is no memory: only a stack overflow of this
 /// thread goes unreported then.
